@@ -15,7 +15,8 @@ class AppSettings : public QObject {
     Q_PROPERTY(bool onboarded READ onboarded WRITE setOnboarded NOTIFY onboardedChanged)
     Q_PROPERTY(QString email READ email WRITE setEmail NOTIFY emailChanged)
     Q_PROPERTY(QString resume READ resume WRITE setResume NOTIFY resumeChanged)
-    Q_PROPERTY(QString jobDescription READ jobDescription WRITE setJobDescription NOTIFY jobDescriptionChanged)
+    Q_PROPERTY(
+        QString jobDescription READ jobDescription WRITE setJobDescription NOTIFY jobDescriptionChanged)
     Q_PROPERTY(QString extraInstructions READ extraInstructions WRITE setExtraInstructions NOTIFY
                    extraInstructionsChanged)
     Q_PROPERTY(bool autoAnswer READ autoAnswer WRITE setAutoAnswer NOTIFY autoAnswerChanged)

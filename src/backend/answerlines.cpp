@@ -3,8 +3,7 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 
-QList<QByteArray> LineSplitter::feed(const QByteArray& bytes)
-{
+QList<QByteArray> LineSplitter::feed(const QByteArray& bytes) {
     QList<QByteArray> lines;
     qsizetype start = 0;
     for (qsizetype i = 0; i < bytes.size(); ++i) {
@@ -19,13 +18,14 @@ QList<QByteArray> LineSplitter::feed(const QByteArray& bytes)
     return lines;
 }
 
-QByteArray LineSplitter::finish() { return std::exchange(pending_, {}); }
+QByteArray LineSplitter::finish() {
+    return std::exchange(pending_, {});
+}
 
 namespace {
 
 // A present key must hold a string; absent and null both mean "none".
-bool optionalString(const QJsonObject& object, QLatin1String key, QString& out)
-{
+bool optionalString(const QJsonObject& object, QLatin1String key, QString& out) {
     const QJsonValue value = object.value(key);
     if (value.isUndefined() || value.isNull()) {
         out.clear();
@@ -40,8 +40,7 @@ bool optionalString(const QJsonObject& object, QLatin1String key, QString& out)
 
 }  // namespace
 
-AnswerLine parseAnswerLine(const QByteArray& line)
-{
+AnswerLine parseAnswerLine(const QByteArray& line) {
     static const QByteArray prefix = QByteArrayLiteral("data: ");
     if (!line.startsWith(prefix)) {
         return {};

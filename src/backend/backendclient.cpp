@@ -15,10 +15,11 @@ constexpr int answerTimeoutMs = 90'000;
 // Qt knows only inactivity timers; the manager's applies where a request sets none of its own.
 constexpr int idleTimeoutMs = 30'000;
 
-QString unreachableMessage() { return QStringLiteral("Can't reach Tallowind. Check your internet connection."); }
+QString unreachableMessage() {
+    return QStringLiteral("Can't reach Tallowind. Check your internet connection.");
+}
 
-QUrl endpointURL(const QString& path)
-{
+QUrl endpointURL(const QString& path) {
     QUrl url = Config::serverURL();
     QString base = url.path();
     while (base.endsWith(QLatin1Char('/'))) {
@@ -32,8 +33,7 @@ QUrl endpointURL(const QString& path)
     return url;
 }
 
-std::optional<int> httpStatus(const QNetworkReply& reply)
-{
+std::optional<int> httpStatus(const QNetworkReply& reply) {
     const QVariant status = reply.attribute(QNetworkRequest::HttpStatusCodeAttribute);
     if (!status.isValid()) {
         return std::nullopt;
@@ -42,21 +42,18 @@ std::optional<int> httpStatus(const QNetworkReply& reply)
 }
 
 // Qt reports HTTP statuses outside 2xx as errors of its own too; those still carry a readable body.
-bool isTransportFailure(QNetworkReply::NetworkError error)
-{
+bool isTransportFailure(QNetworkReply::NetworkError error) {
     return error != QNetworkReply::NoError && error < QNetworkReply::ContentAccessDenied;
 }
 
-QNetworkReply* send(QNetworkAccessManager& network, const QNetworkRequest& request, const QByteArray& body)
-{
+QNetworkReply* send(QNetworkAccessManager& network, const QNetworkRequest& request, const QByteArray& body) {
     const QByteArray method = request.attribute(QNetworkRequest::CustomVerbAttribute).toByteArray();
     return network.sendCustomRequest(request, method, body);
 }
 
 }  // namespace
 
-QJsonObject BackendClient::AnswerRequest::toJson() const
-{
+QJsonObject BackendClient::AnswerRequest::toJson() const {
     QJsonArray lines;
     for (const auto& line : transcript) {
         lines.append(line.toJson());
@@ -70,21 +67,20 @@ QJsonObject BackendClient::AnswerRequest::toJson() const
     };
 }
 
-BackendClient::BackendClient(QObject* parent) : QObject(parent), network_(std::make_unique<QNetworkAccessManager>())
-{
+BackendClient::BackendClient(QObject* parent)
+    : QObject(parent), network_(std::make_unique<QNetworkAccessManager>()) {
     network_->setTransferTimeout(idleTimeoutMs);
 }
 
 BackendClient::~BackendClient() = default;
 
-BackendClient& BackendClient::shared()
-{
+BackendClient& BackendClient::shared() {
     static BackendClient* instance = new BackendClient;  // lives for the whole run, like the event loop
     return *instance;
 }
 
-Result<QNetworkRequest> BackendClient::makeRequest(const QByteArray& method, const QString& path, bool authenticated)
-{
+Result<QNetworkRequest> BackendClient::makeRequest(const QByteArray& method, const QString& path,
+                                                   bool authenticated) {
     QNetworkRequest request(endpointURL(path));
     request.setAttribute(QNetworkRequest::CustomVerbAttribute, method);
     request.setTransferTimeout(requestTimeoutMs);
@@ -100,9 +96,9 @@ Result<QNetworkRequest> BackendClient::makeRequest(const QByteArray& method, con
     return request;
 }
 
-void BackendClient::request(const QByteArray& method, const QString& path, const std::optional<QJsonObject>& body,
-                            bool authenticated, Completion<QByteArray> done)
-{
+void BackendClient::request(const QByteArray& method, const QString& path,
+                            const std::optional<QJsonObject>& body, bool authenticated,
+                            Completion<QByteArray> done) {
     auto built = makeRequest(method, path, authenticated);
     if (!built) {
         done(built.failure());
@@ -131,8 +127,8 @@ void BackendClient::request(const QByteArray& method, const QString& path, const
     });
 }
 
-std::optional<BackendError> BackendClient::check(std::optional<int> status, const std::optional<QByteArray>& errorBody)
-{
+std::optional<BackendError> BackendClient::check(std::optional<int> status,
+                                                 const std::optional<QByteArray>& errorBody) {
     if (!status) {
         return BackendError::network(QStringLiteral("No response from Tallowind."));
     }
@@ -153,8 +149,7 @@ std::optional<BackendError> BackendClient::check(std::optional<int> status, cons
     return BackendError::server(QStringLiteral("Tallowind's server returned an error (%1).").arg(*status));
 }
 
-std::unique_ptr<AnswerStream> BackendClient::answer(const AnswerRequest& request)
-{
+std::unique_ptr<AnswerStream> BackendClient::answer(const AnswerRequest& request) {
     auto built = makeRequest("POST", QStringLiteral("/answer"), true);
     if (built) {
         QNetworkRequest withAnswerTimeout = built.value();
@@ -167,11 +162,12 @@ std::unique_ptr<AnswerStream> BackendClient::answer(const AnswerRequest& request
     return std::unique_ptr<AnswerStream>(new AnswerStream(*network_, built, body));
 }
 
-AnswerStream::AnswerStream(QNetworkAccessManager& network, const Result<QNetworkRequest>& request, const QByteArray& body)
-{
+AnswerStream::AnswerStream(QNetworkAccessManager& network, const Result<QNetworkRequest>& request,
+                           const QByteArray& body) {
     if (!request) {
         // Reported from the event loop so that the caller can connect first.
-        QMetaObject::invokeMethod(this, [this, failure = request.failure()] { end(failure); }, Qt::QueuedConnection);
+        QMetaObject::invokeMethod(
+            this, [this, failure = request.failure()] { end(failure); }, Qt::QueuedConnection);
         return;
     }
     reply_ = send(network, request.value(), body);
@@ -179,16 +175,16 @@ AnswerStream::AnswerStream(QNetworkAccessManager& network, const Result<QNetwork
     connect(reply_, &QNetworkReply::finished, this, &AnswerStream::replyFinished);
 }
 
-AnswerStream::~AnswerStream() { detachReply(); }
+AnswerStream::~AnswerStream() {
+    detachReply();
+}
 
-void AnswerStream::cancel()
-{
+void AnswerStream::cancel() {
     ended_ = true;
     detachReply();
 }
 
-void AnswerStream::detachReply()
-{
+void AnswerStream::detachReply() {
     if (reply_) {
         reply_->disconnect(this);
         reply_->abort();
@@ -197,8 +193,7 @@ void AnswerStream::detachReply()
     }
 }
 
-void AnswerStream::readAvailable()
-{
+void AnswerStream::readAvailable() {
     if (ended_) {
         return;
     }
@@ -221,8 +216,7 @@ void AnswerStream::readAvailable()
     }
 }
 
-void AnswerStream::replyFinished()
-{
+void AnswerStream::replyFinished() {
     if (ended_) {
         return;
     }
@@ -256,26 +250,24 @@ void AnswerStream::replyFinished()
     end(std::nullopt);
 }
 
-bool AnswerStream::deliver(const QByteArray& line)
-{
+bool AnswerStream::deliver(const QByteArray& line) {
     const AnswerLine parsed = parseAnswerLine(line);
     switch (parsed.kind) {
-    case AnswerLine::Kind::skip:
-        return true;
-    case AnswerLine::Kind::text: {
-        QPointer<AnswerStream> self(this);
-        emit chunk(parsed.value);
-        return self && !ended_;
-    }
-    case AnswerLine::Kind::error:
-        end(BackendError::server(parsed.value));
-        return false;
+        case AnswerLine::Kind::skip:
+            return true;
+        case AnswerLine::Kind::text: {
+            QPointer<AnswerStream> self(this);
+            emit chunk(parsed.value);
+            return self && !ended_;
+        }
+        case AnswerLine::Kind::error:
+            end(BackendError::server(parsed.value));
+            return false;
     }
     return true;
 }
 
-void AnswerStream::end(const std::optional<Failure>& failure)
-{
+void AnswerStream::end(const std::optional<Failure>& failure) {
     if (ended_) {
         return;
     }

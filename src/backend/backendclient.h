@@ -13,6 +13,15 @@
 #include <memory>
 #include <optional>
 
+// The signed-in account as the server describes it: listening minutes this month.
+struct Account {
+    QString email;
+    qint64 minutesUsed = 0;
+    qint64 minutesLimit = 0;
+
+    friend bool operator==(const Account&, const Account&) = default;
+};
+
 class QNetworkAccessManager;
 class QNetworkReply;
 class AnswerStream;
@@ -42,7 +51,8 @@ public:
     // The request for `path` under the server address with the common headers; the method travels in
     // the request's custom-verb attribute. Fails with signedOut when authentication is asked for and no
     // token is at hand.
-    static Result<QNetworkRequest> makeRequest(const QByteArray& method, const QString& path, bool authenticated);
+    static Result<QNetworkRequest> makeRequest(const QByteArray& method, const QString& path,
+                                               bool authenticated);
 
     // One whole request-and-response exchange; `done` receives the response body.
     void request(const QByteArray& method, const QString& path, const std::optional<QJsonObject>& body,
@@ -50,7 +60,23 @@ public:
 
     // Turns a response into its error, if it is one. `status` is absent when the reply is not an HTTP
     // response; `errorBody` is absent when the body could not be read. A 401 deletes the stored token.
-    static std::optional<BackendError> check(std::optional<int> status, const std::optional<QByteArray>& errorBody);
+    static std::optional<BackendError> check(std::optional<int> status,
+                                             const std::optional<QByteArray>& errorBody);
+
+    // Asks the server to e-mail a sign-in code; yields the development code when the server sends one.
+    void startLogin(const QString& email, Completion<std::optional<QString>> done);
+    // Exchanges the code for a session token and stores it; yields the verified address.
+    void verifyLogin(const QString& email, const QString& code, Completion<QString> done);
+    // Tells the server, then forgets the token whatever the server said. Never fails.
+    void signOut(Completion<Done> done = {});
+
+    void account(Completion<Account> done);
+    // A fresh short-lived credential of the speech service; the client keeps no copy.
+    void speechToken(Completion<QString> done);
+    // Fire and forget: below one second (or not a number) nothing is sent, and every failure is swallowed.
+    void reportUsage(double seconds);
+
+    static Result<Account> decodeAccount(const QByteArray& body);
 
     // Starts the request at once; the stream reports its pieces, then finishes or fails exactly once.
     // Destroying or cancelling the stream abandons the request.
@@ -80,7 +106,8 @@ signals:
 
 private:
     friend class BackendClient;
-    AnswerStream(QNetworkAccessManager& network, const Result<QNetworkRequest>& request, const QByteArray& body);
+    AnswerStream(QNetworkAccessManager& network, const Result<QNetworkRequest>& request,
+                 const QByteArray& body);
 
     void readAvailable();
     void replyFinished();

@@ -57,8 +57,9 @@ private:
 template <typename T>
 class Result {
 public:
-    Result(T value) : value_(std::in_place_index<0>, std::move(value)) {}  // NOLINT(google-explicit-constructor)
-    Result(Failure failure) : value_(std::in_place_index<1>, std::move(failure)) {}  // NOLINT
+    Result(T value)
+        : value_(std::in_place_index<0>, std::move(value)) {}  // NOLINT(google-explicit-constructor)
+    Result(Failure failure) : value_(std::in_place_index<1>, std::move(failure)) {}   // NOLINT
     Result(BackendError error) : value_(std::in_place_index<1>, std::move(error)) {}  // NOLINT
 
     bool ok() const { return value_.index() == 0; }

@@ -6,8 +6,7 @@
 
 namespace {
 
-std::optional<QString> environmentValue(const char* name)
-{
+std::optional<QString> environmentValue(const char* name) {
     if (!qEnvironmentVariableIsSet(name)) {
         return std::nullopt;
     }
@@ -15,8 +14,7 @@ std::optional<QString> environmentValue(const char* name)
 }
 
 // Empty and unparsable values are skipped; a usable base also needs a scheme and a host.
-std::optional<QUrl> wellFormed(const QString& text)
-{
+std::optional<QUrl> wellFormed(const QString& text) {
     if (text.isEmpty()) {
         return std::nullopt;
     }
@@ -27,14 +25,15 @@ std::optional<QUrl> wellFormed(const QString& text)
     return url;
 }
 
-bool isPlaceholder(const QString& value) { return value.startsWith(QLatin1String("__")); }
+bool isPlaceholder(const QString& value) {
+    return value.startsWith(QLatin1String("__"));
+}
 
 }  // namespace
 
 namespace Config {
 
-QUrl resolveServerURL(const std::optional<QString>& environment, const QString& compiledIn)
-{
+QUrl resolveServerURL(const std::optional<QString>& environment, const QString& compiledIn) {
     if (environment) {
         if (auto url = wellFormed(*environment)) {
             return *url;
@@ -48,23 +47,22 @@ QUrl resolveServerURL(const std::optional<QString>& environment, const QString& 
     return QUrl(QStringLiteral("http://localhost:8787"));
 }
 
-QString resolveAppVersion(const QString& compiledIn)
-{
+QString resolveAppVersion(const QString& compiledIn) {
     if (compiledIn.isEmpty() || isPlaceholder(compiledIn)) {
         return QStringLiteral("0.0.0");
     }
     return compiledIn;
 }
 
-QUrl serverURL()
-{
+QUrl serverURL() {
     return resolveServerURL(environmentValue("TALLOWIND_SERVER"), QStringLiteral(TALLOWIND_BUILD_SERVER_URL));
 }
 
-QString appVersion() { return resolveAppVersion(QStringLiteral(TALLOWIND_BUILD_APP_VERSION)); }
+QString appVersion() {
+    return resolveAppVersion(QStringLiteral(TALLOWIND_BUILD_APP_VERSION));
+}
 
-QUrl speechURL()
-{
+QUrl speechURL() {
     if (auto env = environmentValue("TALLOWIND_STT_URL")) {
         if (auto url = wellFormed(*env)) {
             return *url;

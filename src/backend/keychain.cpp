@@ -16,8 +16,7 @@ constexpr auto secretServiceBound = 3s;
 
 enum class Choice { automatic, file, secretService };
 
-Choice chosenStore()
-{
+Choice chosenStore() {
     const QString forced = qEnvironmentVariable("TALLOWIND_TOKEN_STORE");
     if (forced == QLatin1String("file")) {
         return Choice::file;
@@ -28,20 +27,20 @@ Choice chosenStore()
     return Choice::automatic;
 }
 
-std::unique_ptr<TokenStore> secretService()
-{
+std::unique_ptr<TokenStore> secretService() {
     return makeSecretServiceTokenStore(QString::fromLatin1(serviceName), QString::fromLatin1(accountName),
                                        secretServiceBound);
 }
 
-std::unique_ptr<TokenStore> file() { return makeFileTokenStore(Keychain::tokenFilePath()); }
+std::unique_ptr<TokenStore> file() {
+    return makeFileTokenStore(Keychain::tokenFilePath());
+}
 
 }  // namespace
 
 namespace Keychain {
 
-QString tokenFilePath()
-{
+QString tokenFilePath() {
     QString base = qEnvironmentVariable("XDG_CONFIG_HOME");
     if (base.isEmpty()) {
         base = QDir::homePath() + QStringLiteral("/.config");
@@ -49,68 +48,66 @@ QString tokenFilePath()
     return base + QStringLiteral("/Tallowind/session-token");
 }
 
-void save(const QString& token)
-{
+void save(const QString& token) {
     switch (chosenStore()) {
-    case Choice::file:
-        file()->save(token);
-        return;
-    case Choice::secretService:
-        secretService()->save(token);
-        return;
-    case Choice::automatic:
-        // Whichever store takes the token, the other must not keep an older one.
-        if (secretService()->save(token) == TokenStore::Availability::answered) {
-            file()->remove();
-        } else {
+        case Choice::file:
             file()->save(token);
-        }
-        return;
+            return;
+        case Choice::secretService:
+            secretService()->save(token);
+            return;
+        case Choice::automatic:
+            // Whichever store takes the token, the other must not keep an older one.
+            if (secretService()->save(token) == TokenStore::Availability::answered) {
+                file()->remove();
+            } else {
+                file()->save(token);
+            }
+            return;
     }
 }
 
-std::optional<QString> load()
-{
+std::optional<QString> load() {
     switch (chosenStore()) {
-    case Choice::file:
-        return file()->load().token;
-    case Choice::secretService:
-        return secretService()->load().token;
-    case Choice::automatic: {
-        auto lookup = secretService()->load();
-        if (lookup.availability == TokenStore::Availability::answered) {
-            return lookup.token;
+        case Choice::file:
+            return file()->load().token;
+        case Choice::secretService:
+            return secretService()->load().token;
+        case Choice::automatic: {
+            auto lookup = secretService()->load();
+            if (lookup.availability == TokenStore::Availability::answered) {
+                return lookup.token;
+            }
+            return file()->load().token;
         }
-        return file()->load().token;
-    }
     }
     return std::nullopt;
 }
 
-void remove()
-{
+void remove() {
     switch (chosenStore()) {
-    case Choice::file:
-        file()->remove();
-        return;
-    case Choice::secretService:
-        secretService()->remove();
-        return;
-    case Choice::automatic:
-        secretService()->remove();
-        file()->remove();
-        return;
+        case Choice::file:
+            file()->remove();
+            return;
+        case Choice::secretService:
+            secretService()->remove();
+            return;
+        case Choice::automatic:
+            secretService()->remove();
+            file()->remove();
+            return;
     }
 }
 
 }  // namespace Keychain
 
-std::optional<QString> token()
-{
+std::optional<QString> token() {
     if (qEnvironmentVariableIsSet("TALLOWIND_TOKEN")) {
         return qEnvironmentVariable("TALLOWIND_TOKEN");
     }
     return Keychain::load();
 }
 
-bool isSignedIn() { return token().has_value(); }
+bool isSignedIn() {
+    return token().has_value();
+}

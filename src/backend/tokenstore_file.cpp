@@ -12,8 +12,7 @@ class FileTokenStore final : public TokenStore {
 public:
     explicit FileTokenStore(QString path) : path_(std::move(path)) {}
 
-    Lookup load() override
-    {
+    Lookup load() override {
         QFile file(path_);
         if (!file.open(QIODevice::ReadOnly)) {
             return {};
@@ -27,8 +26,7 @@ public:
         return {Availability::answered, std::move(text)};
     }
 
-    Availability save(const QString& token) override
-    {
+    Availability save(const QString& token) override {
         remove();
         if (!QDir().mkpath(QFileInfo(path_).absolutePath())) {
             return Availability::unreachable;
@@ -43,8 +41,7 @@ public:
         return file.commit() ? Availability::answered : Availability::unreachable;
     }
 
-    Availability remove() override
-    {
+    Availability remove() override {
         QFile::remove(path_);
         return Availability::answered;
     }
@@ -55,4 +52,6 @@ private:
 
 }  // namespace
 
-std::unique_ptr<TokenStore> makeFileTokenStore(QString path) { return std::make_unique<FileTokenStore>(std::move(path)); }
+std::unique_ptr<TokenStore> makeFileTokenStore(QString path) {
+    return std::make_unique<FileTokenStore>(std::move(path));
+}

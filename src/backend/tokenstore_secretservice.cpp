@@ -17,21 +17,18 @@ namespace {
 // behind on its own thread.
 class KeychainThread {
 public:
-    KeychainThread()
-    {
+    KeychainThread() {
         thread_.setObjectName(QStringLiteral("tallowind.keychain"));
         context_.moveToThread(&thread_);
         thread_.start();
     }
-    ~KeychainThread()
-    {
+    ~KeychainThread() {
         thread_.quit();
         thread_.wait();
     }
     QObject* context() { return &context_; }
 
-    static KeychainThread& instance()
-    {
+    static KeychainThread& instance() {
         static KeychainThread thread;
         return thread;
     }
@@ -53,8 +50,7 @@ struct Pending {
 };
 
 // Runs the job made by `make` on the keychain thread and waits at most `bound` for its outcome.
-std::optional<Outcome> runBounded(std::function<QKeychain::Job*()> make, std::chrono::milliseconds bound)
-{
+std::optional<Outcome> runBounded(std::function<QKeychain::Job*()> make, std::chrono::milliseconds bound) {
     auto pending = std::make_shared<Pending>();
     QMetaObject::invokeMethod(
         KeychainThread::instance().context(),
@@ -82,12 +78,9 @@ std::optional<Outcome> runBounded(std::function<QKeychain::Job*()> make, std::ch
 class SecretServiceTokenStore final : public TokenStore {
 public:
     SecretServiceTokenStore(QString service, QString account, std::chrono::milliseconds bound)
-        : service_(std::move(service)), account_(std::move(account)), bound_(bound)
-    {
-    }
+        : service_(std::move(service)), account_(std::move(account)), bound_(bound) {}
 
-    Lookup load() override
-    {
+    Lookup load() override {
         const auto outcome = runBounded(
             [this] {
                 auto* job = new QKeychain::ReadPasswordJob(service_);
@@ -112,8 +105,7 @@ public:
         return {Availability::answered, std::move(text)};
     }
 
-    Availability save(const QString& token) override
-    {
+    Availability save(const QString& token) override {
         if (remove() == Availability::unreachable) {
             return Availability::unreachable;
         }
@@ -125,11 +117,11 @@ public:
                 return job;
             },
             bound_);
-        return outcome && outcome->error == QKeychain::NoError ? Availability::answered : Availability::unreachable;
+        return outcome && outcome->error == QKeychain::NoError ? Availability::answered
+                                                               : Availability::unreachable;
     }
 
-    Availability remove() override
-    {
+    Availability remove() override {
         const auto outcome = runBounded(
             [this] {
                 auto* job = new QKeychain::DeletePasswordJob(service_);
@@ -151,7 +143,6 @@ private:
 }  // namespace
 
 std::unique_ptr<TokenStore> makeSecretServiceTokenStore(QString service, QString account,
-                                                        std::chrono::milliseconds bound)
-{
+                                                        std::chrono::milliseconds bound) {
     return std::make_unique<SecretServiceTokenStore>(std::move(service), std::move(account), bound);
 }

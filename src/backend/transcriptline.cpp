@@ -1,17 +1,14 @@
 #include "transcriptline.h"
 
-QString speakerName(Speaker speaker)
-{
+QString speakerName(Speaker speaker) {
     return speaker == Speaker::interviewer ? QStringLiteral("interviewer") : QStringLiteral("me");
 }
 
-QJsonObject TranscriptLine::toJson() const
-{
+QJsonObject TranscriptLine::toJson() const {
     return {{QStringLiteral("speaker"), speakerName(speaker)}, {QStringLiteral("text"), text}};
 }
 
-std::optional<TranscriptLine> TranscriptLine::fromJson(const QJsonObject& object)
-{
+std::optional<TranscriptLine> TranscriptLine::fromJson(const QJsonObject& object) {
     const QJsonValue speaker = object.value(QLatin1String("speaker"));
     const QJsonValue text = object.value(QLatin1String("text"));
     if (!text.isString()) {

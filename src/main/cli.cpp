@@ -12,21 +12,18 @@
 
 namespace {
 
-void writeOut(const QByteArray& bytes)
-{
+void writeOut(const QByteArray& bytes) {
     std::fwrite(bytes.constData(), 1, static_cast<size_t>(bytes.size()), stdout);
     std::fflush(stdout);
 }
 
-void writeError(const QString& text)
-{
+void writeError(const QString& text) {
     const QByteArray bytes = text.toUtf8();
     std::fwrite(bytes.constData(), 1, static_cast<size_t>(bytes.size()), stderr);
     std::fflush(stderr);
 }
 
-QString chosenResume(const AppSettings& settings)
-{
+QString chosenResume(const AppSettings& settings) {
     if (qEnvironmentVariableIsSet("TALLOWIND_RESUME")) {
         QFile file(qEnvironmentVariable("TALLOWIND_RESUME"));
         if (file.open(QIODevice::ReadOnly)) {
@@ -36,15 +33,14 @@ QString chosenResume(const AppSettings& settings)
     return settings.resume();
 }
 
-void runTest(const CLI::Request& request, const CLI::Finished& finished)
-{
+void runTest(const CLI::Request& request, const CLI::Finished& finished) {
     switch (request.test) {
-    case CLI::Test::answer:
-        CLI::testAnswer(request.argument, finished);
-        return;
-    case CLI::Test::speech:
-        finished(Failure::other(QStringLiteral("The speech test is not available in this build.")));
-        return;
+        case CLI::Test::answer:
+            CLI::testAnswer(request.argument, finished);
+            return;
+        case CLI::Test::speech:
+            finished(Failure::other(QStringLiteral("The speech test is not available in this build.")));
+            return;
     }
 }
 
@@ -52,8 +48,7 @@ void runTest(const CLI::Request& request, const CLI::Finished& finished)
 
 namespace CLI {
 
-std::optional<Request> requestedTest(const QStringList& arguments)
-{
+std::optional<Request> requestedTest(const QStringList& arguments) {
     if (arguments.size() < 3) {
         return std::nullopt;
     }
@@ -66,8 +61,7 @@ std::optional<Request> requestedTest(const QStringList& arguments)
     return std::nullopt;
 }
 
-std::optional<int> runIfRequested(int& argc, char** argv)
-{
+std::optional<int> runIfRequested(int& argc, char** argv) {
     QStringList arguments;
     for (int i = 0; i < argc; ++i) {
         arguments.append(QString::fromLocal8Bit(argv[i]));
@@ -94,11 +88,10 @@ std::optional<int> runIfRequested(int& argc, char** argv)
     return QCoreApplication::exec();
 }
 
-void testAnswer(const QString& question, Finished finished)
-{
+void testAnswer(const QString& question, Finished finished) {
     AppSettings& settings = AppSettings::shared();
-    BackendClient::AnswerRequest request{question, {}, chosenResume(settings), settings.jobDescription(),
-                                         settings.extraInstructions()};
+    BackendClient::AnswerRequest request{
+        question, {}, chosenResume(settings), settings.jobDescription(), settings.extraInstructions()};
     auto clock = std::make_shared<QElapsedTimer>();
     clock->start();
     auto firstText = std::make_shared<std::optional<double>>();
@@ -119,7 +112,8 @@ void testAnswer(const QString& question, Finished finished)
                      .toUtf8());
         finished(std::nullopt);
     });
-    QObject::connect(raw, &AnswerStream::failed, raw, [finished](const Failure& failure) { finished(failure); });
+    QObject::connect(raw, &AnswerStream::failed, raw,
+                     [finished](const Failure& failure) { finished(failure); });
 }
 
 }  // namespace CLI

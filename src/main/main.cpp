@@ -2,8 +2,7 @@
 
 #include <QApplication>
 
-int main(int argc, char* argv[])
-{
+int main(int argc, char* argv[]) {
     if (auto exitCode = CLI::runIfRequested(argc, argv)) {
         return *exitCode;
     }

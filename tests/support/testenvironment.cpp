@@ -3,8 +3,7 @@
 #include <QSignalSpy>
 #include <QtGlobal>
 
-ScopedEnvironment::~ScopedEnvironment()
-{
+ScopedEnvironment::~ScopedEnvironment() {
     for (auto it = saved_.crbegin(); it != saved_.crend(); ++it) {
         if (it->second) {
             qputenv(it->first.constData(), *it->second);
@@ -14,25 +13,22 @@ ScopedEnvironment::~ScopedEnvironment()
     }
 }
 
-void ScopedEnvironment::remember(const char* name)
-{
-    saved_.append({QByteArray(name), qEnvironmentVariableIsSet(name) ? std::optional(qgetenv(name)) : std::nullopt});
+void ScopedEnvironment::remember(const char* name) {
+    saved_.append(
+        {QByteArray(name), qEnvironmentVariableIsSet(name) ? std::optional(qgetenv(name)) : std::nullopt});
 }
 
-void ScopedEnvironment::set(const char* name, const QByteArray& value)
-{
+void ScopedEnvironment::set(const char* name, const QByteArray& value) {
     remember(name);
     qputenv(name, value);
 }
 
-void ScopedEnvironment::unset(const char* name)
-{
+void ScopedEnvironment::unset(const char* name) {
     remember(name);
     qunsetenv(name);
 }
 
-TestHome::TestHome()
-{
+TestHome::TestHome() {
     environment_.set("XDG_CONFIG_HOME", configPath().toUtf8());
     environment_.set("XDG_DATA_HOME", (path() + QStringLiteral("/data")).toUtf8());
     environment_.set("TALLOWIND_TOKEN_STORE", "file");
@@ -41,10 +37,12 @@ TestHome::TestHome()
     environment_.unset("TALLOWIND_RESUME");
 }
 
-QString tallowindBinary() { return qEnvironmentVariable("TALLOWIND_BINARY"); }
+QString tallowindBinary() {
+    return qEnvironmentVariable("TALLOWIND_BINARY");
+}
 
-ProcessResult runTallowind(const QStringList& arguments, int timeoutMs, const QProcessEnvironment& environment)
-{
+ProcessResult runTallowind(const QStringList& arguments, int timeoutMs,
+                           const QProcessEnvironment& environment) {
     QProcess process;
     process.setProcessEnvironment(environment);
     QSignalSpy finished(&process, &QProcess::finished);

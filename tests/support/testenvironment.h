@@ -2,8 +2,8 @@
 
 #include <QByteArray>
 #include <QList>
-#include <QProcess>
 #include <QPair>
+#include <QProcess>
 #include <QString>
 #include <QStringList>
 #include <QTemporaryDir>

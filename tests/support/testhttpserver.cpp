@@ -14,44 +14,46 @@ struct TestHttpServer::Connection {
     bool waited = false;  // the current piece's delay has passed
 };
 
-TestHttpServer::Response TestHttpServer::Response::json(int status, const QByteArray& body)
-{
+TestHttpServer::Response TestHttpServer::Response::json(int status, const QByteArray& body) {
     return {status, {{"content-type", "application/json"}}, {{body, 0}}, false, false};
 }
 
-TestHttpServer::Response TestHttpServer::Response::text(int status, const QByteArray& body)
-{
+TestHttpServer::Response TestHttpServer::Response::text(int status, const QByteArray& body) {
     return {status, {{"content-type", "text/plain"}}, {{body, 0}}, false, false};
 }
 
-TestHttpServer::Response TestHttpServer::Response::stream(QList<Piece> pieces, int status)
-{
+TestHttpServer::Response TestHttpServer::Response::stream(QList<Piece> pieces, int status) {
     return {status, {{"content-type", "text/event-stream"}}, std::move(pieces), true, false};
 }
 
-TestHttpServer::TestHttpServer(QObject* parent) : QObject(parent), server_(new QTcpServer(this))
-{
+TestHttpServer::TestHttpServer(QObject* parent) : QObject(parent), server_(new QTcpServer(this)) {
     connect(server_, &QTcpServer::newConnection, this, &TestHttpServer::accept);
     handler_ = [](const Received&) { return Response::text(404, "not found"); };
 }
 
 TestHttpServer::~TestHttpServer() = default;
 
-bool TestHttpServer::listen() { return server_->listen(QHostAddress::LocalHost, 0); }
+bool TestHttpServer::listen() {
+    return server_->listen(QHostAddress::LocalHost, 0);
+}
 
-quint16 TestHttpServer::port() const { return server_->serverPort(); }
+quint16 TestHttpServer::port() const {
+    return server_->serverPort();
+}
 
-QUrl TestHttpServer::url() const { return QUrl(QStringLiteral("http://127.0.0.1:%1").arg(port())); }
+QUrl TestHttpServer::url() const {
+    return QUrl(QStringLiteral("http://127.0.0.1:%1").arg(port()));
+}
 
-void TestHttpServer::setHandler(Handler handler) { handler_ = std::move(handler); }
+void TestHttpServer::setHandler(Handler handler) {
+    handler_ = std::move(handler);
+}
 
-void TestHttpServer::respondWith(const Response& response)
-{
+void TestHttpServer::respondWith(const Response& response) {
     handler_ = [response](const Received&) { return response; };
 }
 
-void TestHttpServer::accept()
-{
+void TestHttpServer::accept() {
     while (QTcpSocket* socket = server_->nextPendingConnection()) {
         auto* connection = new Connection{socket, {}, {}, 0, false, false};
         socket->setParent(this);
@@ -69,8 +71,7 @@ void TestHttpServer::accept()
     }
 }
 
-void TestHttpServer::readFrom(Connection* connection)
-{
+void TestHttpServer::readFrom(Connection* connection) {
     connection->buffer += connection->socket->readAll();
     while (!connection->responding) {
         const qsizetype headerEnd = connection->buffer.indexOf("\r\n\r\n");
@@ -85,7 +86,8 @@ void TestHttpServer::readFrom(Connection* connection)
         for (qsizetype i = 1; i < lines.size(); ++i) {
             const qsizetype colon = lines[i].indexOf(':');
             if (colon > 0) {
-                request.headers.insert(lines[i].left(colon).trimmed().toLower(), lines[i].mid(colon + 1).trimmed());
+                request.headers.insert(lines[i].left(colon).trimmed().toLower(),
+                                       lines[i].mid(colon + 1).trimmed());
             }
         }
         const qsizetype length = request.headers.value("content-length", "0").toLongLong();
@@ -119,8 +121,7 @@ void TestHttpServer::readFrom(Connection* connection)
     }
 }
 
-void TestHttpServer::sendNextPiece(Connection* connection)
-{
+void TestHttpServer::sendNextPiece(Connection* connection) {
     QPointer<QTcpSocket> socket = connection->socket;
     const Response& response = connection->response;
     while (connection->nextPiece < response.pieces.size()) {
@@ -138,7 +139,8 @@ void TestHttpServer::sendNextPiece(Connection* connection)
         ++connection->nextPiece;
         if (response.streamed) {
             if (!piece.bytes.isEmpty()) {
-                connection->socket->write(QByteArray::number(piece.bytes.size(), 16) + "\r\n" + piece.bytes + "\r\n");
+                connection->socket->write(QByteArray::number(piece.bytes.size(), 16) + "\r\n" + piece.bytes +
+                                          "\r\n");
             }
         } else {
             connection->socket->write(piece.bytes);

@@ -41,7 +41,7 @@ public:
 
     struct Received {
         QByteArray method;
-        QByteArray target;  // path and query as sent
+        QByteArray target;                     // path and query as sent
         QMap<QByteArray, QByteArray> headers;  // names in lower case
         QByteArray body;
 
