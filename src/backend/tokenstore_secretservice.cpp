@@ -17,16 +17,21 @@ namespace {
 // behind on its own thread.
 class KeychainThread {
 public:
-    KeychainThread() {
-        thread_.setObjectName(QStringLiteral("tallowind.keychain"));
-        context_.moveToThread(&thread_);
-        thread_.start();
+    KeychainThread() : thread_(new QThread), context_(new QObject) {
+        thread_->setObjectName(QStringLiteral("tallowind.keychain"));
+        context_->moveToThread(thread_);
+        QObject::connect(thread_, &QThread::finished, context_, &QObject::deleteLater);
+        thread_->start();
     }
     ~KeychainThread() {
-        thread_.quit();
-        thread_.wait();
+        thread_->quit();
+        // A job stuck on a bus that never answers keeps the thread busy; at exit it is left to the
+        // operating system rather than holding the process open.
+        if (thread_->wait(QDeadlineTimer(std::chrono::seconds(1)))) {
+            delete thread_;
+        }
     }
-    QObject* context() { return &context_; }
+    QObject* context() { return context_; }
 
     static KeychainThread& instance() {
         static KeychainThread thread;
@@ -34,8 +39,8 @@ public:
     }
 
 private:
-    QThread thread_;
-    QObject context_;
+    QThread* thread_;
+    QObject* context_;
 };
 
 struct Outcome {
