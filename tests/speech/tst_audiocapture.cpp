@@ -1,0 +1,381 @@
+#include "audiosignal.h"
+#include "fakeaudioserver.h"
+#include "miccapture.h"
+#include "pcmconverter.h"
+#include "systemaudiocapture.h"
+
+#include <QTest>
+#include <QThread>
+
+#include <atomic>
+#include <memory>
+#include <mutex>
+
+Q_DECLARE_METATYPE(AudioFormat)
+Q_DECLARE_METATYPE(AudioServer::Failure::Kind)
+
+namespace {
+
+using Type = AudioFormat::SampleType;
+using Kind = AudioServer::Failure::Kind;
+
+enum class Which { microphone, systemAudio };
+
+std::unique_ptr<AudioCapture> makeCapture(Which which, const std::shared_ptr<FakeAudioServer>& server) {
+    if (which == Which::microphone)
+        return std::make_unique<MicCapture>(server);
+    return std::make_unique<SystemAudioCapture>(server);
+}
+
+// What reached onAudio, written on the recording's thread and read on the test's.
+struct Received {
+    std::mutex mutex;
+    QByteArray pcm;
+    int calls = 0;
+    bool onMainThread = false;
+    std::atomic<bool> closed = false;
+    std::atomic<bool> afterClose = false;
+
+    AudioCapture::AudioHandler handler() {
+        return [this](const QByteArray& bytes) {
+            if (closed)
+                afterClose = true;
+            std::lock_guard lock(mutex);
+            pcm += bytes;
+            ++calls;
+            onMainThread = onMainThread || QThread::currentThread() == qApp->thread();
+        };
+    }
+    int callCount() {
+        std::lock_guard lock(mutex);
+        return calls;
+    }
+    QByteArray bytes() {
+        std::lock_guard lock(mutex);
+        return pcm;
+    }
+};
+
+// The outcome of one start, filled in by its completion.
+struct Start {
+    std::optional<Result<Done>> result;
+    int completions = 0;
+
+    Completion<Done> completion() {
+        return [this](Result<Done> r) {
+            result = std::move(r);
+            ++completions;
+        };
+    }
+};
+
+QByteArray toneBuffer(const AudioFormat& format, qint64 start, qsizetype frames = 4096) {
+    QList<double> hz(format.channels, 1000);
+    return AudioSignal::tone(format, hz, 0.5, start, frames);
+}
+
+const AudioFormat studio{48000, 2, Type::float32};
+
+}  // namespace
+
+class AudioCaptureTest : public QObject {
+    Q_OBJECT
+
+private slots:
+    void asksTheServerForItsSource_data();
+    void asksTheServerForItsSource();
+    void convertsBuffersInAnyFormat_data();
+    void convertsBuffersInAnyFormat();
+    void startFailures_data();
+    void startFailures();
+    void serverEndingTheCaptureCallsOnStop_data();
+    void serverEndingTheCaptureCallsOnStop();
+    void ownStopIsNeverReported();
+    void stopSilencesAtOnce();
+    void stopWhileStartingCancelsTheStart();
+    void withoutHandlerDataIsDroppedAndTheConverterCarriesOver();
+    void destroyedWhileBuffersAreInFlight();
+};
+
+void AudioCaptureTest::asksTheServerForItsSource_data() {
+    QTest::addColumn<Which>("which");
+    QTest::addColumn<AudioServer::Request::Source>("source");
+    QTest::addColumn<std::optional<AudioFormat>>("format");
+
+    QTest::newRow("microphone: default source in its own format")
+        << Which::microphone << AudioServer::Request::Source::defaultSource << std::optional<AudioFormat>();
+    QTest::newRow("system audio: default monitor as 48 kHz stereo float")
+        << Which::systemAudio << AudioServer::Request::Source::defaultMonitor
+        << std::optional<AudioFormat>(AudioFormat{48000, 2, Type::float32});
+}
+
+void AudioCaptureTest::asksTheServerForItsSource() {
+    QFETCH(Which, which);
+    QFETCH(AudioServer::Request::Source, source);
+    QFETCH(std::optional<AudioFormat>, format);
+
+    auto server = std::make_shared<FakeAudioServer>();
+    auto capture = makeCapture(which, server);
+    Start start;
+    capture->start(start.completion());
+    QVERIFY(server->current());
+    QCOMPARE(server->current()->request().source, source);
+    QCOMPARE(server->current()->request().format, format);
+    QCOMPARE(server->current()->request().framesPerBuffer, 4096);
+    // The completion comes from the event loop, never from inside start().
+    QCOMPARE(start.completions, 0);
+    QTRY_COMPARE(start.completions, 1);
+    QVERIFY(start.result->ok());
+}
+
+void AudioCaptureTest::convertsBuffersInAnyFormat_data() {
+    QTest::addColumn<Which>("which");
+    QTest::addColumn<AudioFormat>("format");
+
+    QTest::newRow("system audio, 48 kHz stereo float") << Which::systemAudio << studio;
+    QTest::newRow("microphone, 44.1 kHz stereo 16-bit")
+        << Which::microphone << AudioFormat{44100, 2, Type::int16};
+    QTest::newRow("microphone, 16 kHz mono 16-bit")
+        << Which::microphone << AudioFormat{16000, 1, Type::int16};
+    QTest::newRow("microphone, 96 kHz four channels 32-bit")
+        << Which::microphone << AudioFormat{96000, 4, Type::int32};
+}
+
+void AudioCaptureTest::convertsBuffersInAnyFormat() {
+    QFETCH(Which, which);
+    QFETCH(AudioFormat, format);
+
+    auto server = std::make_shared<FakeAudioServer>();
+    auto capture = makeCapture(which, server);
+    Received received;
+    capture->setOnAudio(received.handler());
+    Start start;
+    capture->start(start.completion());
+    QTRY_VERIFY(start.result);
+
+    const int buffers = 40;
+    for (int i = 0; i < buffers; ++i) {
+        server->current()->deliver(format, toneBuffer(format, qint64(i) * 4096));
+        // Empty buffers come in between and must be passed over.
+        server->current()->deliver(format, {});
+    }
+    server->current()->flush();
+
+    const qsizetype expectedFrames = qsizetype(buffers * 4096.0 * 16000 / format.sampleRate);
+    const QByteArray pcm = received.bytes();
+    QVERIFY2(pcm.size() / 2 <= expectedFrames && pcm.size() / 2 > expectedFrames - 1600,
+             qPrintable(QString::number(pcm.size())));
+    QVERIFY(received.callCount() <= buffers);
+    QVERIFY(!received.onMainThread);
+    const std::vector<double> samples = AudioSignal::samples(pcm);
+    const std::vector<double> settled(samples.begin() + 2000, samples.end());
+    QVERIFY(std::abs(AudioSignal::amplitudeAt(settled, 16000, 1000) - 0.5) < 0.01);
+    capture->stop();
+}
+
+void AudioCaptureTest::startFailures_data() {
+    QTest::addColumn<Which>("which");
+    QTest::addColumn<Kind>("kind");
+    QTest::addColumn<QString>("serverMessage");
+    QTest::addColumn<QString>("description");
+    QTest::addColumn<bool>("backendError");
+
+    QTest::newRow("microphone, no server") << Which::microphone << Kind::noServer << "Connection refused"
+                                           << "No microphone found." << true;
+    QTest::newRow("microphone, no default source") << Which::microphone << Kind::noDevice << "No such entity"
+                                                   << "No microphone found." << true;
+    QTest::newRow("microphone, server refuses") << Which::microphone << Kind::server << "Access denied"
+                                                << "Access denied" << false;
+    QTest::newRow("system audio, no server") << Which::systemAudio << Kind::noServer << "Connection refused"
+                                             << "No display found to capture audio from." << true;
+    QTest::newRow("system audio, no default output")
+        << Which::systemAudio << Kind::noDevice << "No such entity"
+        << "No display found to capture audio from." << true;
+    QTest::newRow("system audio, server refuses") << Which::systemAudio << Kind::server << "Not supported"
+                                                  << "Not supported" << false;
+}
+
+void AudioCaptureTest::startFailures() {
+    QFETCH(Which, which);
+    QFETCH(Kind, kind);
+    QFETCH(QString, serverMessage);
+    QFETCH(QString, description);
+    QFETCH(bool, backendError);
+
+    auto server = std::make_shared<FakeAudioServer>();
+    server->setOpening(FakeAudioServer::Opening::fails, {kind, serverMessage});
+    auto capture = makeCapture(which, server);
+    int stops = 0;
+    capture->setOnStop([&stops](const Failure&) { ++stops; });
+    Start start;
+    capture->start(start.completion());
+    QTRY_VERIFY(start.result);
+    QVERIFY(!start.result->ok());
+    QCOMPARE(start.result->failure().description(), description);
+    QCOMPARE(start.result->failure().is(BackendError::Kind::server), backendError);
+    // Nothing is left running, and a failed start is not a stop.
+    QCOMPARE(server->alive(), 0);
+    QCOMPARE(stops, 0);
+    QCOMPARE(start.completions, 1);
+
+    // The next start tries again.
+    server->setOpening(FakeAudioServer::Opening::starts);
+    Start again;
+    capture->start(again.completion());
+    QTRY_VERIFY(again.result);
+    QVERIFY(again.result->ok());
+}
+
+void AudioCaptureTest::serverEndingTheCaptureCallsOnStop_data() {
+    QTest::addColumn<Which>("which");
+    QTest::newRow("microphone") << Which::microphone;
+    QTest::newRow("system audio") << Which::systemAudio;
+}
+
+void AudioCaptureTest::serverEndingTheCaptureCallsOnStop() {
+    QFETCH(Which, which);
+
+    auto server = std::make_shared<FakeAudioServer>();
+    auto capture = makeCapture(which, server);
+    QList<Failure> stops;
+    bool stopOnMainThread = false;
+    capture->setOnStop([&](const Failure& failure) {
+        stops.append(failure);
+        stopOnMainThread = QThread::currentThread() == qApp->thread();
+    });
+    Start start;
+    capture->start(start.completion());
+    QTRY_VERIFY(start.result);
+
+    server->current()->fail(Kind::server, QStringLiteral("Connection terminated"));
+    QTRY_COMPARE(stops.size(), 1);
+    QCOMPARE(stops.first().description(), QStringLiteral("Connection terminated"));
+    QVERIFY(stopOnMainThread);
+    QCOMPARE(server->alive(), 0);
+
+    // Stopping what has already ended is harmless and reports nothing more; a new start works.
+    capture->stop();
+    Start again;
+    capture->start(again.completion());
+    QTRY_VERIFY(again.result);
+    QVERIFY(again.result->ok());
+    QCOMPARE(server->alive(), 1);
+    QCOMPARE(stops.size(), 1);
+}
+
+// The server's report may already be on its way to the main thread when the owner stops: it is dropped.
+void AudioCaptureTest::ownStopIsNeverReported() {
+    auto server = std::make_shared<FakeAudioServer>();
+    MicCapture capture(server);
+    int stops = 0;
+    capture.setOnStop([&stops](const Failure&) { ++stops; });
+    Start start;
+    capture.start(start.completion());
+    QTRY_VERIFY(start.result);
+
+    server->current()->fail(Kind::server, QStringLiteral("Connection terminated"));
+    server->current()->flush();
+    capture.stop();
+    QCOMPARE(server->alive(), 0);
+    QTest::qWait(50);
+    QCOMPARE(stops, 0);
+}
+
+void AudioCaptureTest::stopSilencesAtOnce() {
+    auto server = std::make_shared<FakeAudioServer>();
+    SystemAudioCapture capture(server);
+    Received received;
+    capture.setOnAudio(received.handler());
+    Start start;
+    capture.start(start.completion());
+    QTRY_VERIFY(start.result);
+
+    server->current()->flow(studio, toneBuffer(studio, 0));
+    QTRY_VERIFY(received.callCount() > 20);
+    capture.stop();
+    received.closed = true;
+    const int atStop = received.callCount();
+    QCOMPARE(server->alive(), 0);
+    QTest::qWait(50);
+    QCOMPARE(received.callCount(), atStop);
+    QVERIFY(!received.afterClose);
+}
+
+void AudioCaptureTest::stopWhileStartingCancelsTheStart() {
+    auto server = std::make_shared<FakeAudioServer>();
+    server->setOpening(FakeAudioServer::Opening::waits);
+    MicCapture capture(server);
+    Start start;
+    capture.start(start.completion());
+    FakeRecording* recording = server->current();
+    QVERIFY(recording);
+    capture.stop();
+    QCOMPARE(server->alive(), 0);
+    QTRY_VERIFY(start.result);
+    QVERIFY(!start.result->ok());
+    QTest::qWait(20);
+    QCOMPARE(start.completions, 1);
+}
+
+void AudioCaptureTest::withoutHandlerDataIsDroppedAndTheConverterCarriesOver() {
+    auto server = std::make_shared<FakeAudioServer>();
+    SystemAudioCapture capture(server);
+    Start first;
+    capture.start(first.completion());
+    QTRY_VERIFY(first.result);
+    for (int i = 0; i < 4; ++i) server->current()->deliver(studio, toneBuffer(studio, qint64(i) * 4096));
+    server->current()->flush();
+    capture.stop();
+
+    // The second run continues the first one's signal exactly: the converter kept its look-ahead, and the
+    // first run's audio went nowhere.
+    Received received;
+    capture.setOnAudio(received.handler());
+    Start second;
+    capture.start(second.completion());
+    QTRY_VERIFY(second.result);
+    for (int i = 4; i < 8; ++i) server->current()->deliver(studio, toneBuffer(studio, qint64(i) * 4096));
+    server->current()->flush();
+
+    PCMConverter reference;
+    QByteArray expected;
+    for (int i = 0; i < 8; ++i) {
+        const QByteArray samples = toneBuffer(studio, qint64(i) * 4096);
+        const std::optional<QByteArray> pcm = reference.convert({studio, 4096, samples.constData()});
+        if (pcm && i >= 4)
+            expected += *pcm;
+    }
+    QVERIFY(!expected.isEmpty());
+    QCOMPARE(received.bytes(), expected);
+}
+
+void AudioCaptureTest::destroyedWhileBuffersAreInFlight() {
+    auto server = std::make_shared<FakeAudioServer>();
+    auto received = std::make_shared<Received>();
+    auto capture = std::make_unique<MicCapture>(server);
+    // The handler takes its time, so that the capture goes away in the middle of a buffer.
+    capture->setOnAudio([received](const QByteArray& pcm) {
+        QThread::usleep(500);
+        received->handler()(pcm);
+    });
+    int stops = 0;
+    capture->setOnStop([&stops](const Failure&) { ++stops; });
+    Start start;
+    capture->start(start.completion());
+    QTRY_VERIFY(start.result);
+    server->current()->flow(studio, toneBuffer(studio, 0));
+    QTRY_VERIFY(received->callCount() > 5);
+    server->current()->fail(Kind::server, QStringLiteral("Connection terminated"));
+
+    capture.reset();
+    received->closed = true;
+    const int atDestruction = received->callCount();
+    QCOMPARE(server->alive(), 0);
+    QTest::qWait(50);
+    QCOMPARE(received->callCount(), atDestruction);
+    QVERIFY(!received->afterClose);
+    QCOMPARE(stops, 0);
+}
+
+QTEST_GUILESS_MAIN(AudioCaptureTest)
+#include "tst_audiocapture.moc"
