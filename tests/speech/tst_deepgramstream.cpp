@@ -1,0 +1,478 @@
+#include "deepgramstream.h"
+#include "testenvironment.h"
+#include "testwebsocketserver.h"
+
+#include <QElapsedTimer>
+#include <QSignalSpy>
+#include <QTcpServer>
+#include <QTest>
+#include <QThread>
+
+#include <thread>
+
+using namespace std::chrono_literals;
+using Event = SpeechStream::Event;
+
+namespace {
+
+const QByteArray listenTarget =
+    "/v1/listen?model=nova-3&encoding=linear16&sample_rate=16000&channels=1&interim_results=true"
+    "&smart_format=true&punctuate=true&endpointing=300&utterance_end_ms=1000&vad_events=true";
+const QString keepAlive = QStringLiteral(R"({"type":"KeepAlive"})");
+const QString closeStream = QStringLiteral(R"({"type":"CloseStream"})");
+const QString reconnecting = QStringLiteral(u"Reconnecting to speech service\u2026");
+
+// One second of reconnection delay lasts this long here.
+constexpr auto unit = 10ms;
+
+DeepgramStream::Timing fastTiming() {
+    DeepgramStream::Timing timing;
+    timing.second = unit;
+    timing.keepAlivePeriod = 50ms;
+    timing.idleThreshold = 120ms;
+    timing.handshakeTimeout = 5000ms;
+    return timing;
+}
+
+QString describe(const Event& event) {
+    switch (event.kind) {
+        case Event::Kind::interim:
+            return QStringLiteral("interim(%1)").arg(event.text);
+        case Event::Kind::final:
+            return QStringLiteral("final(%1, %2)").arg(event.text, event.endOfUtterance ? "end" : "open");
+        case Event::Kind::failed:
+            return QStringLiteral("failed(%1)").arg(event.text);
+        case Event::Kind::connected:
+            return QStringLiteral("connected");
+        case Event::Kind::utteranceEnd:
+            return QStringLiteral("utteranceEnd");
+    }
+    return {};
+}
+
+// Collects what a stream reports, and notes whether anything arrived off the main thread.
+struct Recorder {
+    QStringList events;
+    QList<std::uint64_t> retryDelays;  // the stream's delay at each failed event
+    bool offMainThread = false;
+    DeepgramStream* stream = nullptr;
+
+    SpeechStream::EventHandler handler() {
+        return [this](const Event& event) {
+            offMainThread = offMainThread || QThread::currentThread() != qApp->thread();
+            events.append(describe(event));
+            if (event.kind == Event::Kind::failed && stream) {
+                retryDelays.append(stream->retryDelay());
+            }
+        };
+    }
+    qsizetype count(const QString& event) const { return events.count(event); }
+};
+
+// A token provider that answers from a script (the last answer repeats), a moment later on the main
+// thread like the backend does, or holds the requests until the test answers them.
+struct FakeTokens {
+    QList<Result<QString>> answers{QStringLiteral("token-1")};
+    bool hold = false;
+    QList<Completion<QString>> held;
+    QList<qint64> askedAt;
+    QElapsedTimer clock;
+
+    FakeTokens() { clock.start(); }
+    qsizetype asked() const { return askedAt.size(); }
+
+    TokenProvider provider() {
+        return [this](Completion<QString> done) {
+            askedAt.append(clock.elapsed());
+            if (hold) {
+                held.append(std::move(done));
+                return;
+            }
+            const Result<QString> answer = answers[std::min(asked(), answers.size()) - 1];
+            QMetaObject::invokeMethod(
+                qApp, [done, answer] { done(answer); }, Qt::QueuedConnection);
+        };
+    }
+};
+
+// The server, the stream pointed at it, and what the stream reports.
+struct Fixture {
+    TestWebSocketServer server;
+    ScopedEnvironment environment;
+    FakeTokens tokens;
+    Recorder recorder;
+    std::unique_ptr<DeepgramStream> stream;
+
+    explicit Fixture(DeepgramStream::Timing timing = fastTiming()) {
+        if (!server.listen()) {
+            qFatal("no loopback port for the test server");
+        }
+        environment.set("TALLOWIND_STT_URL", server.url().toEncoded());
+        stream = std::make_unique<DeepgramStream>(QStringLiteral("Interviewer"), tokens.provider(), timing);
+        recorder.stream = stream.get();
+        stream->setOnEvent(recorder.handler());
+    }
+};
+
+}  // namespace
+
+class TestDeepgramStream : public QObject {
+    Q_OBJECT
+
+private slots:
+    void endpoint_data();
+    void endpoint();
+    void connectsWithTheFixedRequestAndToken();
+    void deliversRecognitionEventsInOrder();
+    void dropsAudioUntilTheSocketOpens();
+    void sendsAudioFromAnotherThreadInOrder();
+    void keepsAnIdleConnectionAlive();
+    void sendsNoKeepAliveWhileAudioFlows();
+    void stopClosesWithCloseStreamAndNormalCode();
+    void reconnectsAfterTheServerDropsTheConnection();
+    void reportsEachRefusedAttemptOnce();
+    void giveUpOnAHandshakeThatNeverCompletes();
+    void tokenFailures_data();
+    void tokenFailures();
+    void retryDelaysDoubleUpToSixteen();
+    void anOpenSocketResetsTheDelay();
+    void stopDuringARetryWaitOpensNothing();
+    void aTokenArrivingAfterStopOpensNothing();
+    void restartsAfterStop();
+};
+
+void TestDeepgramStream::endpoint_data() {
+    QTest::addColumn<QString>("base");
+    QTest::addColumn<QString>("expected");
+
+    const QString query = QString::fromLatin1(listenTarget.mid(listenTarget.indexOf('?')));
+    QTest::newRow("the service") << "wss://api.deepgram.com"
+                                 << "wss://api.deepgram.com/v1/listen" + query;
+    QTest::newRow("a trailing slash") << "wss://api.deepgram.com/"
+                                      << "wss://api.deepgram.com/v1/listen" + query;
+    QTest::newRow("a local server") << "ws://127.0.0.1:8080"
+                                    << "ws://127.0.0.1:8080/v1/listen" + query;
+    QTest::newRow("under a path") << "ws://localhost:9/speech/"
+                                  << "ws://localhost:9/speech/v1/listen" + query;
+}
+
+void TestDeepgramStream::endpoint() {
+    QFETCH(QString, base);
+    QFETCH(QString, expected);
+    QCOMPARE(DeepgramStream::endpoint(QUrl(base)).toString(QUrl::FullyEncoded), expected);
+}
+
+void TestDeepgramStream::connectsWithTheFixedRequestAndToken() {
+    Fixture f;
+    f.tokens.answers = {QStringLiteral("eyJ0.abc-DEF_123")};
+    QCOMPARE(f.stream->label(), QStringLiteral("Interviewer"));
+    f.stream->start();
+
+    QTRY_COMPARE(f.recorder.events, QStringList{"connected"});
+    QCOMPARE(f.server.connections().size(), 1);
+    const auto& connection = f.server.connections().first();
+    QCOMPARE(connection.target, listenTarget);
+    QCOMPARE(connection.header("Authorization"), QByteArray("Bearer eyJ0.abc-DEF_123"));
+    QCOMPARE(f.tokens.asked(), 1);
+    QVERIFY(!f.recorder.offMainThread);
+    f.stream->stop();
+}
+
+void TestDeepgramStream::deliversRecognitionEventsInOrder() {
+    Fixture f;
+    f.server.setGreeting({
+        R"({"type":"Metadata","request_id":"r"})",
+        R"({"type":"Results","is_final":false,"channel":{"alternatives":[{"transcript":"  tell me  "}]}})",
+        "not json at all",
+        R"({"type":"Results","is_final":true,"speech_final":true,"channel":{"alternatives":[{"transcript":"tell me about it"}]}})",
+        R"({"type":"UtteranceEnd","last_word_end":1.2})",
+    });
+    f.stream->start();
+    QTRY_COMPARE(f.recorder.events.size(), 4);
+    // A binary message from the service is ignored and the stream goes on listening.
+    f.server.sendBinary(0, QByteArray(16, '\x01'));
+    f.server.sendText(0, R"({"type":"Results","is_final":true,"channel":{"alternatives":[]}})");
+    QTRY_COMPARE(f.recorder.events.size(), 5);
+    QCOMPARE(f.recorder.events, (QStringList{"connected", "interim(tell me)", "final(tell me about it, end)",
+                                             "utteranceEnd", "final(, open)"}));
+    QVERIFY(!f.recorder.offMainThread);
+    f.stream->stop();
+}
+
+void TestDeepgramStream::dropsAudioUntilTheSocketOpens() {
+    Fixture f;
+    f.tokens.hold = true;
+    f.stream->send("before start");
+    f.stream->start();
+    f.stream->send("waiting for the token");
+    QTRY_COMPARE(f.tokens.held.size(), 1);
+    f.tokens.held.takeFirst()(QStringLiteral("token"));
+    // The handshake has begun but has not completed.
+    f.stream->send("during the handshake");
+    QTRY_COMPARE(f.recorder.events, QStringList{"connected"});
+
+    QByteArray large(64 * 1024, '\0');
+    for (qsizetype i = 0; i < large.size(); ++i) {
+        large[i] = static_cast<char>(i * 7);
+    }
+    f.stream->send("first");
+    f.stream->send(large);
+    f.stream->send(QByteArray(3200, '\0'));
+    QTRY_COMPARE(f.server.connections().first().binaries().size(), 3);
+    QCOMPARE(f.server.connections().first().binaries(),
+             (QList<QByteArray>{"first", large, QByteArray(3200, '\0')}));
+    f.stream->stop();
+}
+
+void TestDeepgramStream::sendsAudioFromAnotherThreadInOrder() {
+    Fixture f;
+    f.stream->start();
+    QTRY_COMPARE(f.recorder.events, QStringList{"connected"});
+
+    constexpr int buffers = 200;
+    std::thread capture([&f] {
+        for (int i = 0; i < buffers; ++i) {
+            f.stream->send(QByteArray::number(i));
+        }
+    });
+    capture.join();
+    QTRY_COMPARE(f.server.connections().first().binaries().size(), buffers);
+    for (int i = 0; i < buffers; ++i) {
+        QCOMPARE(f.server.connections().first().binaries().at(i), QByteArray::number(i));
+    }
+    f.stream->stop();
+}
+
+void TestDeepgramStream::keepsAnIdleConnectionAlive() {
+    Fixture f;
+    f.stream->start();
+    QTRY_COMPARE(f.recorder.events, QStringList{"connected"});
+    // No audio since creation: ticks go on sending, since a keep-alive is not audio.
+    QTRY_VERIFY(f.server.connections().first().texts().count(keepAlive) >= 3);
+    QCOMPARE(f.server.connections().first().texts().count(keepAlive),
+             f.server.connections().first().texts().size());
+    QVERIFY(f.server.connections().first().binaries().isEmpty());
+    f.stream->stop();
+}
+
+void TestDeepgramStream::sendsNoKeepAliveWhileAudioFlows() {
+    DeepgramStream::Timing timing = fastTiming();
+    timing.idleThreshold = 250ms;
+    Fixture f(timing);
+    f.stream->start();
+    QTRY_COMPARE(f.recorder.events, QStringList{"connected"});
+    f.stream->send("audio");
+
+    // Audio every 20 ms, well inside the idle threshold, across many ticks.
+    QElapsedTimer flowing;
+    flowing.start();
+    while (flowing.elapsed() < 350) {
+        f.stream->send("audio");
+        QTest::qWait(20);
+    }
+    QCOMPARE(f.server.connections().first().texts(), QStringList{});
+    // Once the audio stops, the keep-alives start.
+    QTRY_VERIFY(f.server.connections().first().texts().contains(keepAlive));
+    f.stream->stop();
+}
+
+void TestDeepgramStream::stopClosesWithCloseStreamAndNormalCode() {
+    Fixture f;
+    f.stream->start();
+    QTRY_COMPARE(f.recorder.events, QStringList{"connected"});
+    f.stream->send("audio");
+    QTRY_COMPARE(f.server.connections().first().binaries().size(), 1);
+
+    f.stream->stop();
+    f.stream->send("after stop");
+    QTRY_VERIFY(!f.server.connections().first().open);
+    const auto& connection = f.server.connections().first();
+    QCOMPARE(connection.closeCode, std::optional<int>(1000));
+    QVERIFY(!connection.texts().isEmpty());
+    QCOMPARE(connection.texts().last(), closeStream);
+    QCOMPARE(connection.binaries().size(), 1);
+
+    // Longer than several retry waits: the closing socket reports nothing and nothing reconnects.
+    QTest::qWait(20 * unit.count());
+    QCOMPARE(f.recorder.events, QStringList{"connected"});
+    QCOMPARE(f.server.connections().size(), 1);
+    QCOMPARE(f.tokens.asked(), 1);
+}
+
+void TestDeepgramStream::reconnectsAfterTheServerDropsTheConnection() {
+    Fixture f;
+    f.tokens.answers = {QStringLiteral("first"), QStringLiteral("second")};
+    f.stream->start();
+    QTRY_COMPARE(f.recorder.events, QStringList{"connected"});
+
+    f.server.drop(0);
+    QTRY_COMPARE(f.recorder.events.size(), 3);
+    QCOMPARE(f.recorder.events, (QStringList{"connected", "failed(" + reconnecting + ")", "connected"}));
+    QCOMPARE(f.server.connections().size(), 2);
+    // A fresh token for every attempt.
+    QCOMPARE(f.server.connections().at(1).header("authorization"), QByteArray("Bearer second"));
+    QCOMPARE(f.tokens.asked(), 2);
+    QCOMPARE(f.recorder.retryDelays, QList<std::uint64_t>{1});
+    QCOMPARE(f.server.connections().first().closeCode, std::nullopt);
+
+    f.stream->send("after reconnecting");
+    QTRY_COMPARE(f.server.connections().at(1).binaries(), QList<QByteArray>{"after reconnecting"});
+    f.stream->stop();
+}
+
+void TestDeepgramStream::reportsEachRefusedAttemptOnce() {
+    Fixture f;
+    const quint16 port = f.server.port();
+    f.server.close();
+    f.stream->start();
+
+    QTRY_VERIFY(f.tokens.asked() >= 4);
+    f.server.listen(port);
+    QTRY_VERIFY(f.recorder.events.contains("connected"));
+    // Every refused attempt is reported exactly once, although Qt signals it twice.
+    QCOMPARE(f.recorder.count("failed(" + reconnecting + ")"), f.tokens.asked() - 1);
+    QCOMPARE(f.recorder.events.last(), QStringLiteral("connected"));
+    QCOMPARE(f.stream->retryDelay(), 1u);
+    f.stream->stop();
+}
+
+void TestDeepgramStream::giveUpOnAHandshakeThatNeverCompletes() {
+    // Accepts the TCP connection and then says nothing.
+    QTcpServer silent;
+    QVERIFY(silent.listen(QHostAddress::LocalHost));
+    DeepgramStream::Timing timing = fastTiming();
+    timing.handshakeTimeout = 100ms;
+    ScopedEnvironment environment;
+    environment.set("TALLOWIND_STT_URL",
+                    QByteArray("ws://127.0.0.1:") + QByteArray::number(silent.serverPort()));
+    FakeTokens tokens;
+    Recorder recorder;
+    DeepgramStream stream(QStringLiteral("You"), tokens.provider(), timing);
+    stream.setOnEvent(recorder.handler());
+    stream.start();
+
+    QTRY_VERIFY(tokens.asked() >= 2);
+    QCOMPARE(recorder.events.first(), "failed(" + reconnecting + ")");
+    QVERIFY(!recorder.events.contains("connected"));
+    stream.stop();
+}
+
+void TestDeepgramStream::tokenFailures_data() {
+    QTest::addColumn<Failure>("failure");
+    QTest::addColumn<QString>("message");
+    QTest::addColumn<bool>("retried");
+
+    QTest::newRow("network error") << Failure(BackendError::network("The network is down."))
+                                   << "The network is down." << true;
+    QTest::newRow("another failure") << Failure::other("Something else went wrong.")
+                                     << "Something else went wrong." << true;
+    QTest::newRow("server error") << Failure(BackendError::server("Minute limit reached."))
+                                  << "Minute limit reached." << false;
+    QTest::newRow("signed out") << Failure(BackendError::signedOut()) << "Please sign in again." << false;
+}
+
+void TestDeepgramStream::tokenFailures() {
+    QFETCH(Failure, failure);
+    QFETCH(QString, message);
+    QFETCH(bool, retried);
+
+    Fixture f;
+    f.tokens.answers = {failure};
+    f.stream->start();
+    QTRY_COMPARE(f.recorder.events.size(), 1);
+    QCOMPARE(f.recorder.events.first(), "failed(" + message + ")");
+
+    if (retried) {
+        QTRY_VERIFY(f.tokens.asked() >= 3);
+        QCOMPARE(f.recorder.count("failed(" + message + ")"), f.recorder.events.size());
+    } else {
+        // Long past the first retry waits.
+        QTest::qWait(20 * unit.count());
+        QCOMPARE(f.tokens.asked(), 1);
+        QCOMPARE(f.recorder.events.size(), 1);
+    }
+    QVERIFY(f.server.connections().isEmpty());
+    f.stream->stop();
+}
+
+void TestDeepgramStream::retryDelaysDoubleUpToSixteen() {
+    Fixture f;
+    f.tokens.answers = {BackendError::network("offline")};
+    f.stream->start();
+    QTRY_VERIFY_WITH_TIMEOUT(f.tokens.asked() >= 8, 10000);
+    f.stream->stop();
+
+    const QList<std::uint64_t> expected{1, 2, 4, 8, 16, 16, 16};
+    QCOMPARE(f.recorder.retryDelays.mid(0, expected.size()), expected);
+    // Each attempt comes no sooner than the delay before it.
+    for (qsizetype i = 0; i < expected.size(); ++i) {
+        const qint64 gap = f.tokens.askedAt[i + 1] - f.tokens.askedAt[i];
+        QVERIFY2(gap >= qint64(expected[i]) * unit.count(),
+                 qPrintable(QStringLiteral("attempt %1 came after %2 ms").arg(i + 2).arg(gap)));
+    }
+}
+
+void TestDeepgramStream::anOpenSocketResetsTheDelay() {
+    Fixture f;
+    const quint16 port = f.server.port();
+    f.server.close();
+    f.stream->start();
+    QTRY_VERIFY(f.stream->retryDelay() >= 8);
+    f.server.listen(port);
+    QTRY_VERIFY(f.recorder.events.contains("connected"));
+    QCOMPARE(f.stream->retryDelay(), 1u);
+
+    const qsizetype failuresBefore = f.recorder.retryDelays.size();
+    f.server.drop(0);
+    QTRY_COMPARE(f.server.connections().size(), 2);
+    QCOMPARE(f.recorder.retryDelays.mid(failuresBefore), QList<std::uint64_t>{1});
+    f.stream->stop();
+}
+
+void TestDeepgramStream::stopDuringARetryWaitOpensNothing() {
+    DeepgramStream::Timing timing = fastTiming();
+    timing.second = 100ms;
+    Fixture f(timing);
+    f.tokens.answers = {BackendError::network("offline"), QStringLiteral("token")};
+    f.stream->start();
+    QTRY_COMPARE(f.recorder.events.size(), 1);
+    f.stream->stop();
+
+    QTest::qWait(300);
+    QCOMPARE(f.tokens.asked(), 1);
+    QVERIFY(f.server.connections().isEmpty());
+    QCOMPARE(f.recorder.events.size(), 1);
+    // The wait counts as over: its doubling stands.
+    QCOMPARE(f.stream->retryDelay(), 2u);
+}
+
+void TestDeepgramStream::aTokenArrivingAfterStopOpensNothing() {
+    Fixture f;
+    f.tokens.hold = true;
+    f.stream->start();
+    QCOMPARE(f.tokens.held.size(), 1);
+    f.stream->stop();
+    f.tokens.held.takeFirst()(QStringLiteral("late"));
+
+    QTest::qWait(100);
+    QVERIFY(f.server.connections().isEmpty());
+    QVERIFY(f.recorder.events.isEmpty());
+}
+
+void TestDeepgramStream::restartsAfterStop() {
+    Fixture f;
+    f.stream->start();
+    QTRY_COMPARE(f.recorder.events, QStringList{"connected"});
+    f.stream->stop();
+    QTRY_VERIFY(!f.server.connections().first().open);
+
+    f.stream->start();
+    QTRY_COMPARE(f.recorder.events, (QStringList{"connected", "connected"}));
+    QCOMPARE(f.server.connections().size(), 2);
+    f.stream->send("again");
+    QTRY_COMPARE(f.server.connections().at(1).binaries(), QList<QByteArray>{"again"});
+    f.stream->stop();
+}
+
+QTEST_GUILESS_MAIN(TestDeepgramStream)
+#include "tst_deepgramstream.moc"
