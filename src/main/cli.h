@@ -31,4 +31,7 @@ using Finished = std::function<void(std::optional<Failure>)>;
 // Streams one answer to standard output, piece by piece, then the timing line.
 void testAnswer(const QString& question, Finished finished);
 
+// Streams an audio file through one speech stream and prints what the service recognises.
+void testSTT(const QString& path, Finished finished);
+
 }  // namespace CLI
