@@ -1,0 +1,278 @@
+#include "audiosignal.h"
+#include "miccapture.h"
+#include "pulseserver.h"
+#include "systemaudiocapture.h"
+#include "testenvironment.h"
+
+#include <QElapsedTimer>
+#include <QTest>
+#include <QThread>
+
+#include <atomic>
+#include <memory>
+#include <mutex>
+
+namespace {
+
+enum class Which { microphone, systemAudio };
+
+std::unique_ptr<AudioCapture> makeCapture(Which which) {
+    if (which == Which::microphone)
+        return std::make_unique<MicCapture>();
+    return std::make_unique<SystemAudioCapture>();
+}
+
+// The sink whose sound each capture hears on the test command's server.
+QString sinkHeardBy(Which which) {
+    return which == Which::microphone ? QStringLiteral("micfeed") : QStringLiteral("speakers");
+}
+
+const QString speech = QStringLiteral("espeak-ng --stdout \"Tell me about a project you are proud of.\"");
+
+struct Received {
+    std::mutex mutex;
+    QByteArray pcm;
+    int calls = 0;
+    QElapsedTimer clock;
+    qint64 firstAt = -1;  // milliseconds on `clock`
+    qint64 lastAt = -1;
+    qsizetype firstSize = 0;
+    std::atomic<bool> closed = false;
+    std::atomic<bool> afterClose = false;
+
+    AudioCapture::AudioHandler handler() {
+        return [this](const QByteArray& bytes) {
+            if (closed)
+                afterClose = true;
+            std::lock_guard lock(mutex);
+            if (clock.isValid()) {
+                lastAt = clock.elapsed();
+                if (firstAt < 0) {
+                    firstAt = lastAt;
+                    firstSize = bytes.size();
+                }
+            }
+            pcm += bytes;
+            ++calls;
+        };
+    }
+    // Bytes per second of wall time between the first and the last buffer since the clock was started.
+    double rate(qsizetype from) {
+        std::lock_guard lock(mutex);
+        if (lastAt <= firstAt)
+            return 0;
+        return double(pcm.size() - from - firstSize) * 1000 / double(lastAt - firstAt);
+    }
+    void startClock() {
+        std::lock_guard lock(mutex);
+        clock.start();
+    }
+    QByteArray bytes() {
+        std::lock_guard lock(mutex);
+        return pcm;
+    }
+    int callCount() {
+        std::lock_guard lock(mutex);
+        return calls;
+    }
+};
+
+// Starts `capture` and waits for the outcome.
+std::optional<Result<Done>> startAndWait(AudioCapture& capture) {
+    std::optional<Result<Done>> result;
+    capture.start([&result](Result<Done> r) { result = std::move(r); });
+    QDeadlineTimer deadline(10'000);
+    while (!result && !deadline.hasExpired()) QTest::qWait(10);
+    return result;
+}
+
+}  // namespace
+
+class PulseCaptureTest : public QObject {
+    Q_OBJECT
+
+private slots:
+    void init();
+
+    void capturesWhatIsPlayed_data();
+    void capturesWhatIsPlayed();
+    void stopSilences_data();
+    void stopSilences();
+    void withoutServerOrDevice_data();
+    void withoutServerOrDevice();
+    void serverEndingTheCapture_data();
+    void serverEndingTheCapture();
+};
+
+void PulseCaptureTest::init() {
+    if (qEnvironmentVariableIsEmpty("PULSE_SERVER"))
+        QSKIP("needs the PulseAudio server of scripts/test.sh (PULSE_SERVER)");
+}
+
+void PulseCaptureTest::capturesWhatIsPlayed_data() {
+    QTest::addColumn<Which>("which");
+    QTest::newRow("system audio") << Which::systemAudio;
+    QTest::newRow("microphone") << Which::microphone;
+}
+
+void PulseCaptureTest::capturesWhatIsPlayed() {
+    QFETCH(Which, which);
+
+    auto capture = makeCapture(which);
+    Received received;
+    capture->setOnAudio(received.handler());
+    const auto started = startAndWait(*capture);
+    QVERIFY(started);
+    QVERIFY2(started->ok(), qPrintable(started->ok() ? QString() : started->failure().description()));
+
+    // Measured from the first buffer on: a new recording of a monitor takes a moment to begin to flow.
+    const qsizetype before = received.bytes().size();
+    received.startClock();
+    QVERIFY(play(speech, sinkHeardBy(which)));
+    QTest::qWait(500);
+    capture->stop();
+    const QByteArray pcm = received.bytes().mid(before);
+
+    // 16 kHz mono 16-bit at the pace of the sound card.
+    const double rate = received.rate(before);
+    QVERIFY2(std::abs(rate - PCMConverter::bytesPerSecond) < 0.05 * PCMConverter::bytesPerSecond,
+             qPrintable(QStringLiteral("%1 bytes per second").arg(rate)));
+    const std::vector<double> samples = AudioSignal::samples(pcm);
+    double peak = 0;
+    for (double s : samples) peak = std::max(peak, std::abs(s));
+    QVERIFY2(peak > 0.05 && AudioSignal::rms(samples) > 0.005,
+             qPrintable(QStringLiteral("peak %1, rms %2").arg(peak).arg(AudioSignal::rms(samples))));
+}
+
+void PulseCaptureTest::stopSilences_data() {
+    capturesWhatIsPlayed_data();
+}
+
+void PulseCaptureTest::stopSilences() {
+    QFETCH(Which, which);
+
+    auto capture = makeCapture(which);
+    Received received;
+    capture->setOnAudio(received.handler());
+    int stops = 0;
+    capture->setOnStop([&stops](const Failure&) { ++stops; });
+    const auto started = startAndWait(*capture);
+    QVERIFY(started && started->ok());
+    QTRY_VERIFY(received.callCount() >= 3);
+
+    capture->stop();
+    received.closed = true;
+    const int atStop = received.callCount();
+    QTest::qWait(300);
+    QCOMPARE(received.callCount(), atStop);
+    QVERIFY(!received.afterClose);
+    QCOMPARE(stops, 0);
+
+    // A second run on the same capture works.
+    Received again;
+    capture->setOnAudio(again.handler());
+    const auto restarted = startAndWait(*capture);
+    QVERIFY(restarted && restarted->ok());
+    QTRY_VERIFY(again.callCount() >= 3);
+    capture->stop();
+}
+
+void PulseCaptureTest::withoutServerOrDevice_data() {
+    QTest::addColumn<Which>("which");
+    QTest::addColumn<bool>("serverUp");
+    QTest::addColumn<QString>("description");
+
+    QTest::newRow("microphone, no server") << Which::microphone << false << "No microphone found.";
+    QTest::newRow("system audio, no server")
+        << Which::systemAudio << false << "No display found to capture audio from.";
+    QTest::newRow("microphone, server without devices")
+        << Which::microphone << true << "No microphone found.";
+    QTest::newRow("system audio, server without devices")
+        << Which::systemAudio << true << "No display found to capture audio from.";
+}
+
+void PulseCaptureTest::withoutServerOrDevice() {
+    QFETCH(Which, which);
+    QFETCH(bool, serverUp);
+    QFETCH(QString, description);
+
+    std::optional<PulseServer> server;
+    QTemporaryDir nowhere;
+    ScopedEnvironment environment;
+    if (serverUp) {
+        server.emplace(false);
+        QVERIFY(server->running());
+        environment.set("PULSE_SERVER", server->address().toUtf8());
+    } else {
+        environment.set("PULSE_SERVER", "unix:" + nowhere.filePath(QStringLiteral("socket")).toUtf8());
+    }
+
+    auto capture = makeCapture(which);
+    const auto started = startAndWait(*capture);
+    QVERIFY(started);
+    QVERIFY(!started->ok());
+    QCOMPARE(started->failure().description(), description);
+    QVERIFY(started->failure().is(BackendError::Kind::server));
+}
+
+void PulseCaptureTest::serverEndingTheCapture_data() {
+    QTest::addColumn<Which>("which");
+    QTest::addColumn<QStringList>("pactl");  // empty: the server is killed
+    QTest::addColumn<bool>("ends");
+
+    const QStringList removeDevices{QStringLiteral("unload-module"), QStringLiteral("module-null-sink")};
+    QTest::newRow("microphone, server killed") << Which::microphone << QStringList() << true;
+    QTest::newRow("system audio, server killed") << Which::systemAudio << QStringList() << true;
+    QTest::newRow("microphone, every device removed") << Which::microphone << removeDevices << true;
+    QTest::newRow("system audio, every device removed") << Which::systemAudio << removeDevices << true;
+    // The server moves the recording to the new default; nothing ends.
+    QTest::newRow("microphone, another default input chosen")
+        << Which::microphone
+        << QStringList{QStringLiteral("set-default-source"), QStringLiteral("speakers.monitor")} << false;
+}
+
+void PulseCaptureTest::serverEndingTheCapture() {
+    QFETCH(Which, which);
+    QFETCH(QStringList, pactl);
+    QFETCH(bool, ends);
+
+    PulseServer server;
+    QVERIFY(server.running());
+    ScopedEnvironment environment;
+    environment.set("PULSE_SERVER", server.address().toUtf8());
+
+    auto capture = makeCapture(which);
+    Received received;
+    capture->setOnAudio(received.handler());
+    QList<Failure> stops;
+    bool onMainThread = false;
+    capture->setOnStop([&](const Failure& failure) {
+        stops.append(failure);
+        onMainThread = QThread::currentThread() == qApp->thread();
+    });
+    const auto started = startAndWait(*capture);
+    QVERIFY(started && started->ok());
+    QTRY_VERIFY(received.callCount() >= 2);
+
+    if (pactl.isEmpty())
+        server.kill();
+    else
+        QVERIFY(server.pactl(pactl));
+    if (!ends) {
+        const int before = received.callCount();
+        QTRY_VERIFY_WITH_TIMEOUT(received.callCount() >= before + 10, 10'000);
+        QCOMPARE(stops.size(), 0);
+        capture->stop();
+        return;
+    }
+    QTRY_COMPARE_WITH_TIMEOUT(stops.size(), 1, 10'000);
+    QVERIFY(!stops.first().description().isEmpty());
+    QVERIFY(onMainThread);
+    const int atStop = received.callCount();
+    QTest::qWait(200);
+    QCOMPARE(received.callCount(), atStop);
+    QCOMPARE(stops.size(), 1);
+}
+
+QTEST_GUILESS_MAIN(PulseCaptureTest)
+#include "tst_pulsecapture.moc"
