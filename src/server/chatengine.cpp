@@ -197,7 +197,8 @@ void ChatEngine::answer(const AnswerQuery& query, AnswerSink& sink) {
         return;
     }
     if (result != CURLE_OK && result != CURLE_WRITE_ERROR) {
-        sink.fail(std::string("Couldn't reach the language model: ") + curl_easy_strerror(result) + ".");
+        sink.fail(std::string("The connection to the language model failed: ") + curl_easy_strerror(result) +
+                  ".");
         return;
     }
     const long status = transfer.status();

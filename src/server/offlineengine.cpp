@@ -26,16 +26,28 @@ const std::set<std::string, std::less<>>& stopWords() {
     return words;
 }
 
+// A light English stemmer: "-ing", "-ed" and a plural "s" go, so that "mentoring" meets "mentored" and
+// "projects" meets "project". Short words keep their endings ("used", "bus").
+void stem(std::string& word) {
+    for (const std::string_view suffix : {"ing", "ed"}) {
+        if (word.size() >= suffix.size() + 4 && word.ends_with(suffix)) {
+            word.resize(word.size() - suffix.size());
+            return;
+        }
+    }
+    if (word.size() > 3 && word.back() == 's' && word[word.size() - 2] != 's') {
+        word.pop_back();
+    }
+}
+
 // Lower-cased words of letters and digits; bytes of multi-byte characters count as letters, so words in
-// other scripts survive whole. A plural "s" is dropped so that "projects" meets "project".
+// other scripts survive whole.
 std::vector<std::string> terms(std::string_view text) {
     std::vector<std::string> words;
     std::string word;
     auto flush = [&] {
-        if (word.size() > 3 && word.back() == 's' && word[word.size() - 2] != 's') {
-            word.pop_back();
-        }
         if (!word.empty() && !stopWords().contains(word)) {
+            stem(word);
             words.push_back(word);
         }
         word.clear();
