@@ -75,9 +75,18 @@ QString currentQuestion(const QList<TranscriptLine>& lines) {
         }
         --first;
     }
-    QString question;
+    qsizetype length = 0;
     for (qsizetype i = first; i < lines.size(); ++i) {
-        question = join(question, lines.at(i).text);
+        length += lines.at(i).text.size() + 1;
+    }
+    QString question;
+    question.reserve(length);
+    for (qsizetype i = first; i < lines.size(); ++i) {
+        const QString& text = lines.at(i).text;
+        if (!question.isEmpty() && !text.isEmpty()) {
+            question += QLatin1Char(' ');
+        }
+        question += text;
     }
     return question;
 }
