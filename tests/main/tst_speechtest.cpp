@@ -129,6 +129,11 @@ void SpeechTestCommand::streamsTheFileThenSilence() {
     QVERIFY(connection.target.startsWith("/v1/listen?model=nova-3&encoding=linear16&sample_rate=16000"));
     QCOMPARE(connection.header("authorization"), QByteArray("Bearer stt-abc"));
 
+    // The stream is stopped properly before the process ends.
+    QTRY_VERIFY(!connection.open);
+    QCOMPARE(connection.closeCode, std::optional<int>(1000));
+    QCOMPARE(connection.texts().last(), QStringLiteral(R"({"type":"CloseStream"})"));
+
     // The file as 16 kHz mono 16-bit audio, a tenth of a second per message, then the silence.
     const QList<QByteArray> binaries = connection.binaries();
     QVERIFY(binaries.size() >= silenceChunks);
