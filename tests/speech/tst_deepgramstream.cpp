@@ -139,6 +139,7 @@ private slots:
     void stopDuringARetryWaitOpensNothing();
     void aTokenArrivingAfterStopOpensNothing();
     void restartsAfterStop();
+    void aReplacedSocketFallsSilent();
 };
 
 void TestDeepgramStream::endpoint_data() {
@@ -471,6 +472,22 @@ void TestDeepgramStream::restartsAfterStop() {
     QCOMPARE(f.server.connections().size(), 2);
     f.stream->send("again");
     QTRY_COMPARE(f.server.connections().at(1).binaries(), QList<QByteArray>{"again"});
+    f.stream->stop();
+}
+
+void TestDeepgramStream::aReplacedSocketFallsSilent() {
+    Fixture f;
+    f.stream->start();
+    QTRY_COMPARE(f.recorder.events, QStringList{"connected"});
+
+    f.stream->start();
+    QTRY_COMPARE(f.recorder.events, (QStringList{"connected", "connected"}));
+    // The first socket is closed by the stream itself, and its end is not taken for a broken connection.
+    QTRY_VERIFY(!f.server.connections().first().open);
+    QTest::qWait(20 * unit.count());
+    QCOMPARE(f.recorder.events, (QStringList{"connected", "connected"}));
+    QCOMPARE(f.server.connections().size(), 2);
+    QCOMPARE(f.server.openConnections(), 1);
     f.stream->stop();
 }
 
