@@ -10,6 +10,8 @@
 #include <httplib.h>
 #include <nlohmann/json.hpp>
 
+#include <sys/socket.h>
+
 #include <cmath>
 #include <cstdio>
 #include <filesystem>
@@ -205,6 +207,7 @@ struct HttpServer::Private {
     SignIn signIn;
     SpeechTokens speech;
     std::shared_ptr<AnswerEngine> engine;
+    socket_t listenSocket = -1;
     httplib::Server http;
 };
 
@@ -226,6 +229,13 @@ void HttpServer::Private::routes() {
     }
 
     http.new_task_queue = [threads = config.threads] { return new httplib::ThreadPool(threads); };
+    // Replacing httplib's socket options drops its SO_REUSEADDR, so it is set here again; the socket is
+    // remembered so that bind() can widen its backlog.
+    http.set_socket_options([this](socket_t socket) {
+        const int yes = 1;
+        setsockopt(socket, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
+        listenSocket = socket;
+    });
     http.set_payload_max_length(config.maxBodyBytes);
     // Refusals that httplib makes itself (unknown path, oversized body, unreadable request) get the same
     // {"error"} body as ours, so the client shows a sentence instead of a bare status.
@@ -412,11 +422,18 @@ HttpServer::HttpServer(const ServerConfig& config, Clock clock, std::unique_ptr<
 HttpServer::~HttpServer() = default;
 
 int HttpServer::bind() {
+    int port = 0;
     if (d_->config.port == 0) {
-        const int port = d_->http.bind_to_any_port(d_->config.host);
-        return port > 0 ? port : 0;
+        port = std::max(0, d_->http.bind_to_any_port(d_->config.host));
+    } else if (d_->http.bind_to_port(d_->config.host, d_->config.port)) {
+        port = d_->config.port;
     }
-    return d_->http.bind_to_port(d_->config.host, d_->config.port) ? d_->config.port : 0;
+    // httplib listens with a backlog of five: a burst of new connections overflows it and the kernel
+    // drops some of them. Listening again on the bound socket only widens the queue.
+    if (port != 0 && ::listen(d_->listenSocket, SOMAXCONN) != 0) {
+        return 0;
+    }
+    return port;
 }
 
 bool HttpServer::run() {
