@@ -22,15 +22,16 @@ class QWebSocket;
 // may come from any thread: it reads one atomic flag and hands the buffer to the main thread with a
 // queued call. Everything else (socket, timers, retry state) is touched on the main thread only.
 //
-//   state               entered by                            what holds
-//   created             construction                          no socket, no timer
-//   connecting          start(), or the end of a retry wait   token on its way or handshake under way; audio
-//   dropped open                the socket's connected signal         audio sent; `connected` reported
-//   waiting to retry    a broken socket, a retryable token    `failed` reported; a single-shot retry timer
-//   runs
-//                       failure
-//   given up            a server or signed-out token failure  `failed` reported; nothing until stop()/start()
-//   stopped             stop()                                no socket, no timer; nothing more is reported
+// clang-format off
+//   state             entered by                              what holds
+//   created           construction                            no socket, no timer
+//   connecting        start(), or the end of a retry wait     token or handshake under way; audio dropped
+//   open              the socket's connected signal           audio sent; `connected` reported
+//   waiting to retry  a broken socket, a retryable token      `failed` reported; the retry timer runs
+//                     failure
+//   given up          a server or signed-out token failure    `failed` reported; idle until stop()/start()
+//   stopped           stop()                                  no socket, no timer; nothing is reported
+// clang-format on
 class DeepgramStream : public QObject, public SpeechStream {
     Q_OBJECT
 
