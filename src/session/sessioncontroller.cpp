@@ -7,6 +7,8 @@
 #include "sessiontext.h"
 #include "systemaudiocapture.h"
 
+#include <QPointer>
+
 #include <utility>
 
 namespace {
@@ -123,8 +125,12 @@ void SessionController::start() {
     }
     const CaptureStart systemStart{++systemStartAttempt_, session};
     systemStarting_ = true;
-    systemCapture_->start(
-        [this, systemStart](const Result<Done>& result) { systemCaptureStarted(systemStart, result); });
+    // Completions hold the controller weakly: a capture or a permission answer may outlive it.
+    systemCapture_->start([self = QPointer(this), systemStart](const Result<Done>& result) {
+        if (self) {
+            self->systemCaptureStarted(systemStart, result);
+        }
+    });
 
     if (settings_.useMic()) {
         startMic(session);
@@ -155,7 +161,11 @@ void SessionController::startMic(quint64 session) {
     setHealth(me_, Health::connecting);
     me_.stream = makeStream(meLabel, Speaker::me, session);
     me_.route.setStream(me_.stream.get());
-    microphoneAccess_->request([this, session](bool granted) { micAccessAnswered(session, granted); });
+    microphoneAccess_->request([self = QPointer(this), session](bool granted) {
+        if (self) {
+            self->micAccessAnswered(session, granted);
+        }
+    });
 }
 
 void SessionController::micAccessAnswered(quint64 session, bool granted) {
@@ -168,7 +178,11 @@ void SessionController::micAccessAnswered(quint64 session, bool granted) {
         return;
     }
     const CaptureStart micStart{++micStartAttempt_, session};
-    micCapture_->start([this, micStart](const Result<Done>& result) { micCaptureStarted(micStart, result); });
+    micCapture_->start([self = QPointer(this), micStart](const Result<Done>& result) {
+        if (self) {
+            self->micCaptureStarted(micStart, result);
+        }
+    });
 }
 
 void SessionController::micCaptureStarted(CaptureStart start, const Result<Done>& result) {

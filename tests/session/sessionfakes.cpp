@@ -1,6 +1,5 @@
 #include "sessionfakes.h"
 
-#include <QCoreApplication>
 #include <QMetaObject>
 
 #include <algorithm>
@@ -98,7 +97,7 @@ void FakeCapture::stop() {
     ++record_->stops;
     if (record_->state == State::starting && record_->pendingStart) {
         QMetaObject::invokeMethod(
-            QCoreApplication::instance(),
+            &mainThread_,
             [done = std::move(record_->pendingStart)] {
                 done(Failure::other(QStringLiteral("The capture was stopped before it started.")));
             },

@@ -8,6 +8,7 @@
 #include "speechstream.h"
 
 #include <QList>
+#include <QObject>
 #include <QStringList>
 
 #include <functional>
@@ -83,6 +84,8 @@ public:
 
 private:
     std::shared_ptr<Record> record_;
+    // Receives the queued failure of a start cut short by stop(); gone with the capture, like the real one.
+    QObject mainThread_;
 };
 
 class FakeBackend : public SessionBackend {
