@@ -8,7 +8,7 @@ packages=(
     # libraries
     qt6-base-dev qt6-websockets-dev qtkeychain-qt6-dev libpulse-dev libsoxr-dev libsndfile1-dev
     libpoppler-cpp-dev libmd4c-dev libzip-dev libx11-dev libcpp-httplib-dev libcurl4-openssl-dev libsqlite3-dev
-    libssl-dev
+    libssl-dev nlohmann-json3-dev
     # tests and benchmarks
     libgtest-dev libbenchmark-dev
     # services the tests start: a session bus with a keyring, an audio server, a display
