@@ -22,8 +22,11 @@ QString systemAudioUnavailableNotice() {
         "System Settings, then restart Tallowind.");
 }
 
-QString systemAudioStoppedNotice(const std::optional<Failure>& error) {
-    const QString reason = error ? error->description() : QStringLiteral("unknown reason");
+QString systemAudioStoppedNotice(const Failure& error) {
+    QString reason = error.description();
+    if (reason.isEmpty()) {
+        reason = QStringLiteral("unknown reason");
+    }
     return QStringLiteral("System audio stopped: ") + reason +
            QStringLiteral(". Press ⌃⌥S twice to restart.");
 }

@@ -126,6 +126,7 @@ private slots:
     void stopCommitsPendingTextOfBothSpeakers();
     void systemCaptureFailureAndConnected_data();
     void systemCaptureFailureAndConnected();
+    void systemCaptureEndedByServer_data();
     void systemCaptureEndedByServer();
     void lateSystemCaptureFailureAfterStop();
     void quickStartStopLeavesNothingCaptured();
@@ -381,15 +382,33 @@ void SessionControllerTest::systemCaptureFailureAndConnected() {
     QCOMPARE(rig.session->notice(), cantHearNotice);
 }
 
+void SessionControllerTest::systemCaptureEndedByServer_data() {
+    QTest::addColumn<QString>("reason");
+    QTest::addColumn<QString>("notice");
+
+    QTest::newRow("with the server's reason")
+        << "The device went away"
+        << "System audio stopped: The device went away. Press ⌃⌥S twice to restart.";
+    QTest::newRow("without a reason") << ""
+                                      << "System audio stopped: unknown reason. Press ⌃⌥S twice to restart.";
+}
+
 void SessionControllerTest::systemCaptureEndedByServer() {
+    QFETCH(QString, reason);
+    QFETCH(QString, notice);
+
     Rig rig;
     rig.listen();
     rig.run({"I connected"});
-    FakeCapture::end(*rig.system, Failure::other(QStringLiteral("The device went away")));
+    FakeCapture::end(*rig.system, Failure::other(reason));
     QCOMPARE(rig.session->systemAudio(), Health::problem);
-    QCOMPARE(rig.session->notice(),
-             QStringLiteral("System audio stopped: The device went away. Press ⌃⌥S twice to restart."));
+    QCOMPARE(rig.session->notice(), notice);
     QVERIFY(rig.session->isRunning());
+
+    // After stop the capture's end is no news.
+    rig.session->stop();
+    FakeCapture::end(*rig.system, Failure::other(reason));
+    QCOMPARE(rig.session->systemAudio(), Health::off);
 }
 
 void SessionControllerTest::lateSystemCaptureFailureAfterStop() {
