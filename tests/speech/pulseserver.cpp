@@ -25,6 +25,9 @@ PulseServer::PulseServer(bool devices) {
     environment.insert(QStringLiteral("HOME"), dir_.path());
     environment.insert(QStringLiteral("XDG_RUNTIME_DIR"), dir_.path());
     environment.remove(QStringLiteral("PULSE_SERVER"));
+    // Off the session bus: a second server there finds its bus names taken by the first and quits.
+    environment.remove(QStringLiteral("DBUS_SESSION_BUS_ADDRESS"));
+    environment.remove(QStringLiteral("DISPLAY"));
     process_.setProcessEnvironment(environment);
     process_.setProcessChannelMode(QProcess::ForwardedErrorChannel);
     process_.setStandardOutputFile(QProcess::nullDevice());
