@@ -36,7 +36,8 @@ load-module module-remap-source source_name=microphone master=micfeed.monitor
 set-default-sink speakers
 set-default-source microphone
 PA
-    HOME="$work" XDG_RUNTIME_DIR="$work/run" pulseaudio -D -n -F "$work/pulse.pa" --exit-idle-time=-1 \
+    # Off the session bus, where a desktop's own sound server may hold the names it would ask for.
+    env -u DBUS_SESSION_BUS_ADDRESS -u DISPLAY HOME="$work" XDG_RUNTIME_DIR="$work/run" pulseaudio -D -n -F "$work/pulse.pa" --exit-idle-time=-1 \
         --disallow-exit=false --log-target=file:"$work/pulse.log"
     export PULSE_SERVER="unix:$work/pulse.socket"
     private_server=1

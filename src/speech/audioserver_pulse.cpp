@@ -94,11 +94,19 @@ private:
             fail(Failure::Kind::noServer, pa_context_errno(context_));
     }
 
+    // The answer comes through the operation's callback; without an operation the question never left.
+    void ask(pa_operation* operation) {
+        if (operation)
+            pa_operation_unref(operation);
+        else
+            fail(Failure::Kind::server, pa_context_errno(context_));
+    }
+
     static void contextChanged(pa_context* context, void* data) {
         auto* self = static_cast<PulseRecording*>(data);
         switch (pa_context_get_state(context)) {
             case PA_CONTEXT_READY:
-                pa_operation_unref(pa_context_get_server_info(context, &PulseRecording::serverInfo, self));
+                self->ask(pa_context_get_server_info(context, &PulseRecording::serverInfo, self));
                 break;
             case PA_CONTEXT_FAILED:
             case PA_CONTEXT_TERMINATED:
@@ -125,8 +133,7 @@ private:
             self->open(*self->request_.format);
             return;
         }
-        pa_operation_unref(
-            pa_context_get_source_info_by_name(context, device, &PulseRecording::sourceInfo, self));
+        self->ask(pa_context_get_source_info_by_name(context, device, &PulseRecording::sourceInfo, self));
     }
 
     static void sourceInfo(pa_context*, const pa_source_info* info, int last, void* data) {
