@@ -31,7 +31,12 @@ TestHttpServer::TestHttpServer(QObject* parent) : QObject(parent), server_(new Q
     handler_ = [](const Received&) { return Response::text(404, "not found"); };
 }
 
-TestHttpServer::~TestHttpServer() = default;
+TestHttpServer::~TestHttpServer() {
+    // Sockets go with this object; their signals must not reach connections that are gone.
+    for (const auto& connection : connections_) {
+        connection->socket->disconnect(this);
+    }
+}
 
 bool TestHttpServer::listen() {
     return server_->listen(QHostAddress::LocalHost, 0);
@@ -55,7 +60,8 @@ void TestHttpServer::respondWith(const Response& response) {
 
 void TestHttpServer::accept() {
     while (QTcpSocket* socket = server_->nextPendingConnection()) {
-        auto* connection = new Connection{socket, {}, {}, 0, false, false};
+        connections_.push_back(std::make_unique<Connection>(Connection{socket, {}, {}, 0, false, false}));
+        Connection* connection = connections_.back().get();
         socket->setParent(this);
         connect(socket, &QTcpSocket::readyRead, this, [this, connection] { readFrom(connection); });
         connect(socket, &QTcpSocket::disconnected, this, [this, connection] {
@@ -66,7 +72,10 @@ void TestHttpServer::accept() {
             }
             connection->socket->deleteLater();
             // The connection's timers hold it weakly through the socket; once that is gone they stop.
-            QTimer::singleShot(0, this, [connection] { delete connection; });
+            QTimer::singleShot(0, this, [this, connection] {
+                std::erase_if(connections_,
+                              [connection](const auto& owned) { return owned.get() == connection; });
+            });
         });
     }
 }
