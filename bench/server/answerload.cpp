@@ -7,6 +7,7 @@
 //       CLIENTS threads ask for answers back to back for SECONDS; prints the figures
 
 #include <httplib.h>
+#include <sys/socket.h>
 
 #include <algorithm>
 #include <atomic>
@@ -44,8 +45,18 @@ int serveModel(int port, int pieces, int intervalMs) {
             return true;
         });
     });
+    // httplib's backlog of five would make the model, not the server under test, drop connections.
+    socket_t listening = -1;
+    model.set_socket_options([&listening](socket_t socket) {
+        const int yes = 1;
+        setsockopt(socket, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
+        listening = socket;
+    });
+    if (!model.bind_to_port("127.0.0.1", port) || ::listen(listening, SOMAXCONN) != 0) {
+        return 1;
+    }
     std::fprintf(stderr, "fake model on 127.0.0.1:%d\n", port);
-    return model.listen("127.0.0.1", port) ? 0 : 1;
+    return model.listen_after_bind() ? 0 : 1;
 }
 
 struct Sample {
