@@ -1,4 +1,5 @@
 #include "audiosignal.h"
+#include "capturerecorder.h"
 #include "fakeaudioserver.h"
 #include "miccapture.h"
 #include "pcmconverter.h"
@@ -7,9 +8,7 @@
 #include <QTest>
 #include <QThread>
 
-#include <atomic>
 #include <memory>
-#include <mutex>
 
 Q_DECLARE_METATYPE(AudioFormat)
 Q_DECLARE_METATYPE(AudioServer::Failure::Kind)
@@ -26,48 +25,6 @@ std::unique_ptr<AudioCapture> makeCapture(Which which, const std::shared_ptr<Fak
         return std::make_unique<MicCapture>(server);
     return std::make_unique<SystemAudioCapture>(server);
 }
-
-// What reached onAudio, written on the recording's thread and read on the test's.
-struct Received {
-    std::mutex mutex;
-    QByteArray pcm;
-    int calls = 0;
-    bool onMainThread = false;
-    std::atomic<bool> closed = false;
-    std::atomic<bool> afterClose = false;
-
-    AudioCapture::AudioHandler handler() {
-        return [this](const QByteArray& bytes) {
-            if (closed)
-                afterClose = true;
-            std::lock_guard lock(mutex);
-            pcm += bytes;
-            ++calls;
-            onMainThread = onMainThread || QThread::currentThread() == qApp->thread();
-        };
-    }
-    int callCount() {
-        std::lock_guard lock(mutex);
-        return calls;
-    }
-    QByteArray bytes() {
-        std::lock_guard lock(mutex);
-        return pcm;
-    }
-};
-
-// The outcome of one start, filled in by its completion.
-struct Start {
-    std::optional<Result<Done>> result;
-    int completions = 0;
-
-    Completion<Done> completion() {
-        return [this](Result<Done> r) {
-            result = std::move(r);
-            ++completions;
-        };
-    }
-};
 
 QByteArray toneBuffer(const AudioFormat& format, qint64 start, qsizetype frames = 4096) {
     QList<double> hz(format.channels, 1000);
@@ -116,7 +73,7 @@ void AudioCaptureTest::asksTheServerForItsSource() {
 
     auto server = std::make_shared<FakeAudioServer>();
     auto capture = makeCapture(which, server);
-    Start start;
+    StartOutcome start;
     capture->start(start.completion());
     QVERIFY(server->current());
     QCOMPARE(server->current()->request().source, source);
@@ -147,9 +104,9 @@ void AudioCaptureTest::convertsBuffersInAnyFormat() {
 
     auto server = std::make_shared<FakeAudioServer>();
     auto capture = makeCapture(which, server);
-    Received received;
+    CaptureRecorder received;
     capture->setOnAudio(received.handler());
-    Start start;
+    StartOutcome start;
     capture->start(start.completion());
     QTRY_VERIFY(start.result);
 
@@ -165,8 +122,8 @@ void AudioCaptureTest::convertsBuffersInAnyFormat() {
     const QByteArray pcm = received.bytes();
     QVERIFY2(pcm.size() / 2 <= expectedFrames && pcm.size() / 2 > expectedFrames - 1600,
              qPrintable(QString::number(pcm.size())));
-    QVERIFY(received.callCount() <= buffers);
-    QVERIFY(!received.onMainThread);
+    QVERIFY(received.calls() <= buffers);
+    QVERIFY(!received.calledOnMainThread());
     const std::vector<double> samples = AudioSignal::samples(pcm);
     const std::vector<double> settled(samples.begin() + 2000, samples.end());
     QVERIFY(std::abs(AudioSignal::amplitudeAt(settled, 16000, 1000) - 0.5) < 0.01);
@@ -207,7 +164,7 @@ void AudioCaptureTest::startFailures() {
     auto capture = makeCapture(which, server);
     int stops = 0;
     capture->setOnStop([&stops](const Failure&) { ++stops; });
-    Start start;
+    StartOutcome start;
     capture->start(start.completion());
     QTRY_VERIFY(start.result);
     QVERIFY(!start.result->ok());
@@ -220,7 +177,7 @@ void AudioCaptureTest::startFailures() {
 
     // The next start tries again.
     server->setOpening(FakeAudioServer::Opening::starts);
-    Start again;
+    StartOutcome again;
     capture->start(again.completion());
     QTRY_VERIFY(again.result);
     QVERIFY(again.result->ok());
@@ -243,7 +200,7 @@ void AudioCaptureTest::serverEndingTheCaptureCallsOnStop() {
         stops.append(failure);
         stopOnMainThread = QThread::currentThread() == qApp->thread();
     });
-    Start start;
+    StartOutcome start;
     capture->start(start.completion());
     QTRY_VERIFY(start.result);
 
@@ -255,7 +212,7 @@ void AudioCaptureTest::serverEndingTheCaptureCallsOnStop() {
 
     // Stopping what has already ended is harmless and reports nothing more; a new start works.
     capture->stop();
-    Start again;
+    StartOutcome again;
     capture->start(again.completion());
     QTRY_VERIFY(again.result);
     QVERIFY(again.result->ok());
@@ -269,7 +226,7 @@ void AudioCaptureTest::ownStopIsNeverReported() {
     MicCapture capture(server);
     int stops = 0;
     capture.setOnStop([&stops](const Failure&) { ++stops; });
-    Start start;
+    StartOutcome start;
     capture.start(start.completion());
     QTRY_VERIFY(start.result);
 
@@ -284,28 +241,28 @@ void AudioCaptureTest::ownStopIsNeverReported() {
 void AudioCaptureTest::stopSilencesAtOnce() {
     auto server = std::make_shared<FakeAudioServer>();
     SystemAudioCapture capture(server);
-    Received received;
+    CaptureRecorder received;
     capture.setOnAudio(received.handler());
-    Start start;
+    StartOutcome start;
     capture.start(start.completion());
     QTRY_VERIFY(start.result);
 
     server->current()->flow(studio, toneBuffer(studio, 0));
-    QTRY_VERIFY(received.callCount() > 20);
+    QTRY_VERIFY(received.calls() > 20);
     capture.stop();
-    received.closed = true;
-    const int atStop = received.callCount();
+    received.close();
+    const int atStop = received.calls();
     QCOMPARE(server->alive(), 0);
     QTest::qWait(50);
-    QCOMPARE(received.callCount(), atStop);
-    QVERIFY(!received.afterClose);
+    QCOMPARE(received.calls(), atStop);
+    QVERIFY(!received.calledAfterClose());
 }
 
 void AudioCaptureTest::stopWhileStartingCancelsTheStart() {
     auto server = std::make_shared<FakeAudioServer>();
     server->setOpening(FakeAudioServer::Opening::waits);
     MicCapture capture(server);
-    Start start;
+    StartOutcome start;
     capture.start(start.completion());
     FakeRecording* recording = server->current();
     QVERIFY(recording);
@@ -320,7 +277,7 @@ void AudioCaptureTest::stopWhileStartingCancelsTheStart() {
 void AudioCaptureTest::withoutHandlerDataIsDroppedAndTheConverterCarriesOver() {
     auto server = std::make_shared<FakeAudioServer>();
     SystemAudioCapture capture(server);
-    Start first;
+    StartOutcome first;
     capture.start(first.completion());
     QTRY_VERIFY(first.result);
     for (int i = 0; i < 4; ++i) server->current()->deliver(studio, toneBuffer(studio, qint64(i) * 4096));
@@ -329,9 +286,9 @@ void AudioCaptureTest::withoutHandlerDataIsDroppedAndTheConverterCarriesOver() {
 
     // The second run continues the first one's signal exactly: the converter kept its look-ahead, and the
     // first run's audio went nowhere.
-    Received received;
+    CaptureRecorder received;
     capture.setOnAudio(received.handler());
-    Start second;
+    StartOutcome second;
     capture.start(second.completion());
     QTRY_VERIFY(second.result);
     for (int i = 4; i < 8; ++i) server->current()->deliver(studio, toneBuffer(studio, qint64(i) * 4096));
@@ -351,7 +308,7 @@ void AudioCaptureTest::withoutHandlerDataIsDroppedAndTheConverterCarriesOver() {
 
 void AudioCaptureTest::destroyedWhileBuffersAreInFlight() {
     auto server = std::make_shared<FakeAudioServer>();
-    auto received = std::make_shared<Received>();
+    auto received = std::make_shared<CaptureRecorder>();
     auto capture = std::make_unique<MicCapture>(server);
     // The handler takes its time, so that the capture goes away in the middle of a buffer.
     capture->setOnAudio([received](const QByteArray& pcm) {
@@ -360,20 +317,20 @@ void AudioCaptureTest::destroyedWhileBuffersAreInFlight() {
     });
     int stops = 0;
     capture->setOnStop([&stops](const Failure&) { ++stops; });
-    Start start;
+    StartOutcome start;
     capture->start(start.completion());
     QTRY_VERIFY(start.result);
     server->current()->flow(studio, toneBuffer(studio, 0));
-    QTRY_VERIFY(received->callCount() > 5);
+    QTRY_VERIFY(received->calls() > 5);
     server->current()->fail(Kind::server, QStringLiteral("Connection terminated"));
 
     capture.reset();
-    received->closed = true;
-    const int atDestruction = received->callCount();
+    received->close();
+    const int atDestruction = received->calls();
     QCOMPARE(server->alive(), 0);
     QTest::qWait(50);
-    QCOMPARE(received->callCount(), atDestruction);
-    QVERIFY(!received->afterClose);
+    QCOMPARE(received->calls(), atDestruction);
+    QVERIFY(!received->calledAfterClose());
     QCOMPARE(stops, 0);
 }
 

@@ -1,4 +1,5 @@
 #include "audiosignal.h"
+#include "capturerecorder.h"
 #include "miccapture.h"
 #include "pulseserver.h"
 #include "systemaudiocapture.h"
@@ -8,9 +9,7 @@
 #include <QTest>
 #include <QThread>
 
-#include <atomic>
 #include <memory>
-#include <mutex>
 
 namespace {
 
@@ -28,54 +27,6 @@ QString sinkHeardBy(Which which) {
 }
 
 const QString speech = QStringLiteral("espeak-ng --stdout \"Tell me about a project you are proud of.\"");
-
-struct Received {
-    std::mutex mutex;
-    QByteArray pcm;
-    int calls = 0;
-    QElapsedTimer clock;
-    qint64 firstAt = -1;  // milliseconds on `clock`
-    qint64 lastAt = -1;
-    qsizetype firstSize = 0;
-    std::atomic<bool> closed = false;
-    std::atomic<bool> afterClose = false;
-
-    AudioCapture::AudioHandler handler() {
-        return [this](const QByteArray& bytes) {
-            if (closed)
-                afterClose = true;
-            std::lock_guard lock(mutex);
-            if (clock.isValid()) {
-                lastAt = clock.elapsed();
-                if (firstAt < 0) {
-                    firstAt = lastAt;
-                    firstSize = bytes.size();
-                }
-            }
-            pcm += bytes;
-            ++calls;
-        };
-    }
-    // Bytes per second of wall time between the first and the last buffer since the clock was started.
-    double rate(qsizetype from) {
-        std::lock_guard lock(mutex);
-        if (lastAt <= firstAt)
-            return 0;
-        return double(pcm.size() - from - firstSize) * 1000 / double(lastAt - firstAt);
-    }
-    void startClock() {
-        std::lock_guard lock(mutex);
-        clock.start();
-    }
-    QByteArray bytes() {
-        std::lock_guard lock(mutex);
-        return pcm;
-    }
-    int callCount() {
-        std::lock_guard lock(mutex);
-        return calls;
-    }
-};
 
 // Starts `capture` and waits for the outcome.
 std::optional<Result<Done>> startAndWait(AudioCapture& capture) {
@@ -119,7 +70,7 @@ void PulseCaptureTest::capturesWhatIsPlayed() {
     QFETCH(Which, which);
 
     auto capture = makeCapture(which);
-    Received received;
+    CaptureRecorder received;
     capture->setOnAudio(received.handler());
     const auto started = startAndWait(*capture);
     QVERIFY(started);
@@ -152,28 +103,28 @@ void PulseCaptureTest::stopSilences() {
     QFETCH(Which, which);
 
     auto capture = makeCapture(which);
-    Received received;
+    CaptureRecorder received;
     capture->setOnAudio(received.handler());
     int stops = 0;
     capture->setOnStop([&stops](const Failure&) { ++stops; });
     const auto started = startAndWait(*capture);
     QVERIFY(started && started->ok());
-    QTRY_VERIFY(received.callCount() >= 3);
+    QTRY_VERIFY(received.calls() >= 3);
 
     capture->stop();
-    received.closed = true;
-    const int atStop = received.callCount();
+    received.close();
+    const int atStop = received.calls();
     QTest::qWait(300);
-    QCOMPARE(received.callCount(), atStop);
-    QVERIFY(!received.afterClose);
+    QCOMPARE(received.calls(), atStop);
+    QVERIFY(!received.calledAfterClose());
     QCOMPARE(stops, 0);
 
     // A second run on the same capture works.
-    Received again;
+    CaptureRecorder again;
     capture->setOnAudio(again.handler());
     const auto restarted = startAndWait(*capture);
     QVERIFY(restarted && restarted->ok());
-    QTRY_VERIFY(again.callCount() >= 3);
+    QTRY_VERIFY(again.calls() >= 3);
     capture->stop();
 }
 
@@ -242,7 +193,7 @@ void PulseCaptureTest::serverEndingTheCapture() {
     environment.set("PULSE_SERVER", server.address().toUtf8());
 
     auto capture = makeCapture(which);
-    Received received;
+    CaptureRecorder received;
     capture->setOnAudio(received.handler());
     QList<Failure> stops;
     bool onMainThread = false;
@@ -252,15 +203,15 @@ void PulseCaptureTest::serverEndingTheCapture() {
     });
     const auto started = startAndWait(*capture);
     QVERIFY(started && started->ok());
-    QTRY_VERIFY(received.callCount() >= 2);
+    QTRY_VERIFY(received.calls() >= 2);
 
     if (pactl.isEmpty())
         server.kill();
     else
         QVERIFY(server.pactl(pactl));
     if (!ends) {
-        const int before = received.callCount();
-        QTRY_VERIFY_WITH_TIMEOUT(received.callCount() >= before + 10, 10'000);
+        const int before = received.calls();
+        QTRY_VERIFY_WITH_TIMEOUT(received.calls() >= before + 10, 10'000);
         QCOMPARE(stops.size(), 0);
         capture->stop();
         return;
@@ -268,9 +219,9 @@ void PulseCaptureTest::serverEndingTheCapture() {
     QTRY_COMPARE_WITH_TIMEOUT(stops.size(), 1, 10'000);
     QVERIFY(!stops.first().description().isEmpty());
     QVERIFY(onMainThread);
-    const int atStop = received.callCount();
+    const int atStop = received.calls();
     QTest::qWait(200);
-    QCOMPARE(received.callCount(), atStop);
+    QCOMPARE(received.calls(), atStop);
     QCOMPARE(stops.size(), 1);
 }
 
