@@ -37,7 +37,8 @@ public:
         QString message;
     };
 
-    // Every handler runs on the recording's own thread, one call at a time.
+    // Every handler runs on the recording's own thread, one call at a time (only a recording that cannot
+    // get a thread at all reports its failure from inside record()).
     struct Handlers {
         std::function<void()> started;
         std::function<void(const AudioBuffer&)> audio;

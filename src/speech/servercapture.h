@@ -19,6 +19,7 @@
 //   starting --stop-->             idle      (start completes with a failure: stopped)
 //   running  --server ended-->     idle      (onStop with the server's error)
 //   running  --stop-->             idle      (nothing reported)
+// A start while starting or running stops first, as above.
 class ServerCapture : public AudioCapture {
 public:
     ~ServerCapture() override;
