@@ -79,7 +79,11 @@ void RunningServer::start() {
     server::Clock clock = [offset] {
         return std::chrono::system_clock::now() + std::chrono::seconds(offset->load());
     };
-    server_ = std::make_unique<server::HttpServer>(config_, clock, std::make_unique<OutboxMailer>(outbox_));
+    std::unique_ptr<server::Mailer> mailer;
+    if (config_.smtpUrl.empty()) {
+        mailer = std::make_unique<OutboxMailer>(outbox_);
+    }
+    server_ = std::make_unique<server::HttpServer>(config_, clock, std::move(mailer));
     port_ = server_->bind();
     if (port_ == 0) {
         return;

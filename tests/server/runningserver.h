@@ -36,7 +36,8 @@ private:
 };
 
 // The backend server on a free loopback port inside the test process, with its data in a temporary
-// folder, a clock the test moves, and its e-mail caught in an outbox.
+// folder, a clock the test moves, and its e-mail caught in an outbox unless the configuration names a
+// mail server of its own.
 class RunningServer {
 public:
     // `config.dataDir` defaults to a fresh temporary folder; host and port are always loopback and free.

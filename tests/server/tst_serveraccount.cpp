@@ -3,6 +3,7 @@
 
 #include "awaitresult.h"
 #include "backendclient.h"
+#include "fakesmtpserver.h"
 #include "keychain.h"
 #include "runningserver.h"
 #include "testenvironment.h"
@@ -10,6 +11,7 @@
 
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <QRegularExpression>
 #include <QTest>
 
 using namespace std::chrono_literals;
@@ -185,6 +187,46 @@ private slots:
         const auto verified =
             awaitResult<QString>([&](auto done) { client.verifyLogin(email, code, std::move(done)); });
         QVERIFY(verified);
+    }
+
+    void codesGoOutThroughTheConfiguredMailServer() {
+        TestHome home;
+        FakeSmtpServer smtp;
+        QVERIFY(smtp.listen());
+        auto config = RunningServer::devConfig();
+        config.devMode = false;
+        config.smtpUrl = QStringLiteral("smtp://127.0.0.1:%1").arg(smtp.port()).toStdString();
+        config.smtpFrom = "signin@tallowind.test";
+        RunningServer server(config);
+        home.environment().set("TALLOWIND_SERVER", server.url().toString().toUtf8());
+        BackendClient client;
+        const QString email = QStringLiteral("Flo@Example.org");
+
+        const auto started = awaitResult<std::optional<QString>>(
+            [&](auto done) { client.startLogin(email, std::move(done)); });
+        QVERIFY2(started, qPrintable(started ? QString() : started.failure().description()));
+        QVERIFY(!started.value().has_value());
+        QCOMPARE(smtp.mail().size(), 1);
+        const auto& mail = smtp.mail()[0];
+        QCOMPARE(mail.from, QByteArray("<signin@tallowind.test>"));
+        QCOMPARE(mail.to, QList<QByteArray>{"<flo@example.org>"});
+        const auto code =
+            QRegularExpression(QStringLiteral("Subject: Your Tallowind sign-in code: (\\d{6})\r\n"))
+                .match(QString::fromUtf8(mail.data));
+        QVERIFY2(code.hasMatch(), mail.data.constData());
+        QVERIFY(mail.data.contains("Your Tallowind sign-in code is " + code.captured(1).toUtf8() + "."));
+
+        const auto verified = awaitResult<QString>(
+            [&](auto done) { client.verifyLogin(email, code.captured(1), std::move(done)); });
+        QVERIFY(verified);
+
+        // A mail server that refuses the address leaves no code behind and says so.
+        smtp.refuseRecipients(true);
+        const auto refused = awaitResult<std::optional<QString>>(
+            [&](auto done) { client.startLogin(email, std::move(done)); });
+        QVERIFY(!refused);
+        QCOMPARE(refused.failure().description(),
+                 QStringLiteral("The sign-in e-mail couldn't be sent. Try again in a few minutes."));
     }
 
     void codeRequestsAreRateLimitedPerEmail() {
