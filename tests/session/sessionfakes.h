@@ -42,7 +42,6 @@ public:
     SessionController::StreamFactory factory();
 
     int count() const { return static_cast<int>(made_.size()); }
-    Record& at(int index) { return *made_.at(static_cast<std::size_t>(index)); }
     // The newest stream with this label, or null.
     Record* latest(const QString& label);
     // Hands `event` to the newest live stream with `label`, as the stream would.
