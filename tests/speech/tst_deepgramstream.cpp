@@ -1,9 +1,9 @@
 #include "deepgramstream.h"
+#include "eventtext.h"
 #include "testenvironment.h"
 #include "testwebsocketserver.h"
 
 #include <QElapsedTimer>
-#include <QSignalSpy>
 #include <QTcpServer>
 #include <QTest>
 #include <QThread>
@@ -34,22 +34,6 @@ DeepgramStream::Timing fastTiming() {
     return timing;
 }
 
-QString describe(const Event& event) {
-    switch (event.kind) {
-        case Event::Kind::interim:
-            return QStringLiteral("interim(%1)").arg(event.text);
-        case Event::Kind::final:
-            return QStringLiteral("final(%1, %2)").arg(event.text, event.endOfUtterance ? "end" : "open");
-        case Event::Kind::failed:
-            return QStringLiteral("failed(%1)").arg(event.text);
-        case Event::Kind::connected:
-            return QStringLiteral("connected");
-        case Event::Kind::utteranceEnd:
-            return QStringLiteral("utteranceEnd");
-    }
-    return {};
-}
-
 // Collects what a stream reports, and notes whether anything arrived off the main thread.
 struct Recorder {
     QStringList events;
@@ -60,7 +44,7 @@ struct Recorder {
     SpeechStream::EventHandler handler() {
         return [this](const Event& event) {
             offMainThread = offMainThread || QThread::currentThread() != qApp->thread();
-            events.append(describe(event));
+            events.append(eventText(event));
             if (event.kind == Event::Kind::failed && stream) {
                 retryDelays.append(stream->retryDelay());
             }
@@ -124,43 +108,38 @@ private slots:
     void endpoint();
     void connectsWithTheFixedRequestAndToken();
     void deliversRecognitionEventsInOrder();
-    void dropsAudioUntilTheSocketOpens();
-    void sendsAudioFromAnotherThreadInOrder();
+    void sendsAudioAsGivenOnceTheSocketOpens();
     void keepsAnIdleConnectionAlive();
-    void sendsNoKeepAliveWhileAudioFlows();
     void stopClosesWithCloseStreamAndNormalCode();
     void reconnectsAfterTheServerDropsTheConnection();
-    void reportsEachRefusedAttemptOnce();
+    void refusedAttemptsAreReportedOnceAndResetTheDelay();
     void giveUpOnAHandshakeThatNeverCompletes();
     void tokenFailures_data();
     void tokenFailures();
     void retryDelaysDoubleUpToSixteen();
-    void anOpenSocketResetsTheDelay();
-    void stopDuringARetryWaitOpensNothing();
-    void aTokenArrivingAfterStopOpensNothing();
-    void restartsAfterStop();
-    void aReplacedSocketFallsSilent();
+    void stopWhileWaitingOpensNothing_data();
+    void stopWhileWaitingOpensNothing();
+    void startAgain_data();
+    void startAgain();
 };
 
 void TestDeepgramStream::endpoint_data() {
-    QTest::addColumn<QString>("base");
+    QTest::addColumn<QUrl>("base");
     QTest::addColumn<QString>("expected");
 
     const QString query = QString::fromLatin1(listenTarget.mid(listenTarget.indexOf('?')));
-    QTest::newRow("the service") << "wss://api.deepgram.com"
+    QTest::newRow("the service") << QUrl("wss://api.deepgram.com")
                                  << "wss://api.deepgram.com/v1/listen" + query;
-    QTest::newRow("a trailing slash") << "wss://api.deepgram.com/"
-                                      << "wss://api.deepgram.com/v1/listen" + query;
-    QTest::newRow("a local server") << "ws://127.0.0.1:8080"
-                                    << "ws://127.0.0.1:8080/v1/listen" + query;
-    QTest::newRow("under a path") << "ws://localhost:9/speech/"
-                                  << "ws://localhost:9/speech/v1/listen" + query;
+    QTest::newRow("a trailing slash")
+        << QUrl("wss://api.deepgram.com/") << "wss://api.deepgram.com/v1/listen" + query;
+    QTest::newRow("a local server under a path")
+        << QUrl("ws://localhost:9/speech/") << "ws://localhost:9/speech/v1/listen" + query;
 }
 
 void TestDeepgramStream::endpoint() {
-    QFETCH(QString, base);
+    QFETCH(QUrl, base);
     QFETCH(QString, expected);
-    QCOMPARE(DeepgramStream::endpoint(QUrl(base)).toString(QUrl::FullyEncoded), expected);
+    QCOMPARE(DeepgramStream::endpoint(base).toString(QUrl::FullyEncoded), expected);
 }
 
 void TestDeepgramStream::connectsWithTheFixedRequestAndToken() {
@@ -200,7 +179,7 @@ void TestDeepgramStream::deliversRecognitionEventsInOrder() {
     f.stream->stop();
 }
 
-void TestDeepgramStream::dropsAudioUntilTheSocketOpens() {
+void TestDeepgramStream::sendsAudioAsGivenOnceTheSocketOpens() {
     Fixture f;
     f.tokens.hold = true;
     f.stream->send("before start");
@@ -212,68 +191,50 @@ void TestDeepgramStream::dropsAudioUntilTheSocketOpens() {
     f.stream->send("during the handshake");
     QTRY_COMPARE(f.recorder.events, QStringList{"connected"});
 
+    // Every buffer in order and unchanged, from the capture's thread as in the program.
     QByteArray large(64 * 1024, '\0');
     for (qsizetype i = 0; i < large.size(); ++i) {
         large[i] = static_cast<char>(i * 7);
     }
-    f.stream->send("first");
-    f.stream->send(large);
-    f.stream->send(QByteArray(3200, '\0'));
-    QTRY_COMPARE(f.server.connections().first().binaries().size(), 3);
-    QCOMPARE(f.server.connections().first().binaries(),
-             (QList<QByteArray>{"first", large, QByteArray(3200, '\0')}));
-    f.stream->stop();
-}
-
-void TestDeepgramStream::sendsAudioFromAnotherThreadInOrder() {
-    Fixture f;
-    f.stream->start();
-    QTRY_COMPARE(f.recorder.events, QStringList{"connected"});
-
-    constexpr int buffers = 200;
-    std::thread capture([&f] {
-        for (int i = 0; i < buffers; ++i) {
-            f.stream->send(QByteArray::number(i));
+    QList<QByteArray> sent{"first", large, QByteArray(3200, '\0')};
+    for (int i = 0; i < 200; ++i) {
+        sent.append(QByteArray::number(i));
+    }
+    std::thread capture([&f, &sent] {
+        for (const QByteArray& buffer : sent) {
+            f.stream->send(buffer);
         }
     });
     capture.join();
-    QTRY_COMPARE(f.server.connections().first().binaries().size(), buffers);
-    for (int i = 0; i < buffers; ++i) {
-        QCOMPARE(f.server.connections().first().binaries().at(i), QByteArray::number(i));
-    }
+    QTRY_COMPARE(f.server.connections().first().binaries().size(), sent.size());
+    QCOMPARE(f.server.connections().first().binaries(), sent);
     f.stream->stop();
 }
 
 void TestDeepgramStream::keepsAnIdleConnectionAlive() {
-    Fixture f;
-    f.stream->start();
-    QTRY_COMPARE(f.recorder.events, QStringList{"connected"});
-    // No audio since creation: ticks go on sending, since a keep-alive is not audio.
-    QTRY_VERIFY(f.server.connections().first().texts().count(keepAlive) >= 3);
-    QCOMPARE(f.server.connections().first().texts().count(keepAlive),
-             f.server.connections().first().texts().size());
-    QVERIFY(f.server.connections().first().binaries().isEmpty());
-    f.stream->stop();
-}
-
-void TestDeepgramStream::sendsNoKeepAliveWhileAudioFlows() {
     DeepgramStream::Timing timing = fastTiming();
     timing.idleThreshold = 250ms;
     Fixture f(timing);
     f.stream->start();
     QTRY_COMPARE(f.recorder.events, QStringList{"connected"});
-    f.stream->send("audio");
+    const auto& connection = f.server.connections().first();
+    // No audio since creation: ticks go on sending, since a keep-alive is not audio.
+    QTRY_VERIFY(connection.texts().count(keepAlive) >= 3);
+    QCOMPARE(connection.texts().count(keepAlive), connection.texts().size());
 
-    // Audio every 20 ms, well inside the idle threshold, across many ticks.
-    QElapsedTimer flowing;
-    flowing.start();
-    while (flowing.elapsed() < 350) {
+    // Audio every 20 ms, well inside the idle threshold, across many ticks: no keep-alive among it.
+    for (int i = 0; i < 18; ++i) {
         f.stream->send("audio");
         QTest::qWait(20);
     }
-    QCOMPARE(f.server.connections().first().texts(), QStringList{});
-    // Once the audio stops, the keep-alives start.
-    QTRY_VERIFY(f.server.connections().first().texts().contains(keepAlive));
+    QTRY_COMPARE(connection.binaries().size(), 18);
+    const auto isAudio = [](const TestWebSocketServer::Frame& frame) { return frame.binary; };
+    const auto firstAudio = std::find_if(connection.frames.begin(), connection.frames.end(), isAudio);
+    const auto lastAudio = std::find_if(connection.frames.rbegin(), connection.frames.rend(), isAudio).base();
+    QVERIFY(std::all_of(firstAudio, lastAudio, isAudio));
+    // Once the audio stops, the keep-alives start again.
+    QTRY_VERIFY(!connection.frames.last().binary);
+    QCOMPARE(connection.frames.last().payload, keepAlive.toUtf8());
     f.stream->stop();
 }
 
@@ -321,19 +282,24 @@ void TestDeepgramStream::reconnectsAfterTheServerDropsTheConnection() {
     f.stream->stop();
 }
 
-void TestDeepgramStream::reportsEachRefusedAttemptOnce() {
+void TestDeepgramStream::refusedAttemptsAreReportedOnceAndResetTheDelay() {
     Fixture f;
     const quint16 port = f.server.port();
     f.server.close();
     f.stream->start();
 
-    QTRY_VERIFY(f.tokens.asked() >= 4);
+    QTRY_VERIFY(f.stream->retryDelay() >= 8);
     f.server.listen(port);
     QTRY_VERIFY(f.recorder.events.contains("connected"));
     // Every refused attempt is reported exactly once, although Qt signals it twice.
     QCOMPARE(f.recorder.count("failed(" + reconnecting + ")"), f.tokens.asked() - 1);
     QCOMPARE(f.recorder.events.last(), QStringLiteral("connected"));
+    // An open socket starts the doubling over.
     QCOMPARE(f.stream->retryDelay(), 1u);
+    const qsizetype failuresBefore = f.recorder.retryDelays.size();
+    f.server.drop(0);
+    QTRY_COMPARE(f.server.connections().size(), 2);
+    QCOMPARE(f.recorder.retryDelays.mid(failuresBefore), QList<std::uint64_t>{1});
     f.stream->stop();
 }
 
@@ -343,19 +309,14 @@ void TestDeepgramStream::giveUpOnAHandshakeThatNeverCompletes() {
     QVERIFY(silent.listen(QHostAddress::LocalHost));
     DeepgramStream::Timing timing = fastTiming();
     timing.handshakeTimeout = 100ms;
-    ScopedEnvironment environment;
-    environment.set("TALLOWIND_STT_URL",
-                    QByteArray("ws://127.0.0.1:") + QByteArray::number(silent.serverPort()));
-    FakeTokens tokens;
-    Recorder recorder;
-    DeepgramStream stream(QStringLiteral("You"), tokens.provider(), timing);
-    stream.setOnEvent(recorder.handler());
-    stream.start();
+    Fixture f(timing);
+    f.environment.set("TALLOWIND_STT_URL", "ws://127.0.0.1:" + QByteArray::number(silent.serverPort()));
+    f.stream->start();
 
-    QTRY_VERIFY(tokens.asked() >= 2);
-    QCOMPARE(recorder.events.first(), "failed(" + reconnecting + ")");
-    QVERIFY(!recorder.events.contains("connected"));
-    stream.stop();
+    QTRY_VERIFY(f.tokens.asked() >= 2);
+    QCOMPARE(f.recorder.events.first(), "failed(" + reconnecting + ")");
+    QVERIFY(!f.recorder.events.contains("connected"));
+    f.stream->stop();
 }
 
 void TestDeepgramStream::tokenFailures_data() {
@@ -413,81 +374,68 @@ void TestDeepgramStream::retryDelaysDoubleUpToSixteen() {
     }
 }
 
-void TestDeepgramStream::anOpenSocketResetsTheDelay() {
-    Fixture f;
-    const quint16 port = f.server.port();
-    f.server.close();
-    f.stream->start();
-    QTRY_VERIFY(f.stream->retryDelay() >= 8);
-    f.server.listen(port);
-    QTRY_VERIFY(f.recorder.events.contains("connected"));
-    QCOMPARE(f.stream->retryDelay(), 1u);
+void TestDeepgramStream::stopWhileWaitingOpensNothing_data() {
+    QTest::addColumn<bool>("tokenHeld");
+    QTest::addColumn<int>("events");
+    QTest::addColumn<int>("retryDelay");
 
-    const qsizetype failuresBefore = f.recorder.retryDelays.size();
-    f.server.drop(0);
-    QTRY_COMPARE(f.server.connections().size(), 2);
-    QCOMPARE(f.recorder.retryDelays.mid(failuresBefore), QList<std::uint64_t>{1});
-    f.stream->stop();
+    QTest::newRow("stop during a retry wait: the wait counts as over, its doubling stands")
+        << false << 1 << 2;
+    QTest::newRow("a token arriving after stop") << true << 0 << 1;
 }
 
-void TestDeepgramStream::stopDuringARetryWaitOpensNothing() {
+void TestDeepgramStream::stopWhileWaitingOpensNothing() {
+    QFETCH(bool, tokenHeld);
+    QFETCH(int, events);
+    QFETCH(int, retryDelay);
+
     DeepgramStream::Timing timing = fastTiming();
     timing.second = 100ms;
     Fixture f(timing);
+    f.tokens.hold = tokenHeld;
     f.tokens.answers = {BackendError::network("offline"), QStringLiteral("token")};
     f.stream->start();
-    QTRY_COMPARE(f.recorder.events.size(), 1);
-    f.stream->stop();
+    if (tokenHeld) {
+        QCOMPARE(f.tokens.held.size(), 1);
+        f.stream->stop();
+        f.tokens.held.takeFirst()(QStringLiteral("late"));
+    } else {
+        QTRY_COMPARE(f.recorder.events.size(), 1);
+        f.stream->stop();
+    }
 
     QTest::qWait(300);
     QCOMPARE(f.tokens.asked(), 1);
     QVERIFY(f.server.connections().isEmpty());
-    QCOMPARE(f.recorder.events.size(), 1);
-    // The wait counts as over: its doubling stands.
-    QCOMPARE(f.stream->retryDelay(), 2u);
+    QCOMPARE(f.recorder.events.size(), events);
+    QCOMPARE(f.stream->retryDelay(), std::uint64_t(retryDelay));
 }
 
-void TestDeepgramStream::aTokenArrivingAfterStopOpensNothing() {
-    Fixture f;
-    f.tokens.hold = true;
-    f.stream->start();
-    QCOMPARE(f.tokens.held.size(), 1);
-    f.stream->stop();
-    f.tokens.held.takeFirst()(QStringLiteral("late"));
-
-    QTest::qWait(100);
-    QVERIFY(f.server.connections().isEmpty());
-    QVERIFY(f.recorder.events.isEmpty());
-}
-
-void TestDeepgramStream::restartsAfterStop() {
-    Fixture f;
-    f.stream->start();
-    QTRY_COMPARE(f.recorder.events, QStringList{"connected"});
-    f.stream->stop();
-    QTRY_VERIFY(!f.server.connections().first().open);
-
-    f.stream->start();
-    QTRY_COMPARE(f.recorder.events, (QStringList{"connected", "connected"}));
-    QCOMPARE(f.server.connections().size(), 2);
-    f.stream->send("again");
-    QTRY_COMPARE(f.server.connections().at(1).binaries(), QList<QByteArray>{"again"});
-    f.stream->stop();
-}
-
-void TestDeepgramStream::aReplacedSocketFallsSilent() {
-    Fixture f;
-    f.stream->start();
-    QTRY_COMPARE(f.recorder.events, QStringList{"connected"});
-
-    f.stream->start();
-    QTRY_COMPARE(f.recorder.events, (QStringList{"connected", "connected"}));
+void TestDeepgramStream::startAgain_data() {
+    QTest::addColumn<bool>("stopFirst");
+    QTest::newRow("after stop") << true;
     // The first socket is closed by the stream itself, and its end is not taken for a broken connection.
+    QTest::newRow("while running: the replaced socket falls silent") << false;
+}
+
+void TestDeepgramStream::startAgain() {
+    QFETCH(bool, stopFirst);
+
+    Fixture f;
+    f.stream->start();
+    QTRY_COMPARE(f.recorder.events, QStringList{"connected"});
+    if (stopFirst) {
+        f.stream->stop();
+    }
+    f.stream->start();
+    QTRY_COMPARE(f.recorder.events, (QStringList{"connected", "connected"}));
     QTRY_VERIFY(!f.server.connections().first().open);
     QTest::qWait(20 * unit.count());
     QCOMPARE(f.recorder.events, (QStringList{"connected", "connected"}));
     QCOMPARE(f.server.connections().size(), 2);
     QCOMPARE(f.server.openConnections(), 1);
+    f.stream->send("again");
+    QTRY_COMPARE(f.server.connections().at(1).binaries(), QList<QByteArray>{"again"});
     f.stream->stop();
 }
 

@@ -1,3 +1,4 @@
+#include "eventtext.h"
 #include "recognitionmessage.h"
 
 #include <QTest>
@@ -15,22 +16,7 @@ QString results(const QString& transcript, const QString& flags = {}) {
 }
 
 QString describe(const Expected& event) {
-    if (!event) {
-        return QStringLiteral("nothing");
-    }
-    switch (event->kind) {
-        case Event::Kind::interim:
-            return QStringLiteral("interim(%1)").arg(event->text);
-        case Event::Kind::final:
-            return QStringLiteral("final(%1, %2)").arg(event->text, event->endOfUtterance ? "end" : "open");
-        case Event::Kind::failed:
-            return QStringLiteral("failed(%1)").arg(event->text);
-        case Event::Kind::connected:
-            return QStringLiteral("connected");
-        case Event::Kind::utteranceEnd:
-            return QStringLiteral("utteranceEnd");
-    }
-    return {};
+    return event ? eventText(*event) : QStringLiteral("nothing");
 }
 
 }  // namespace
@@ -121,7 +107,6 @@ void TestRecognitionMessage::parse_data() {
     QTest::newRow("utterance end in another case") << R"({"type":"utteranceend"})" << nothing;
     QTest::newRow("results in another case") << R"({"type":"results","is_final":true})" << nothing;
     QTest::newRow("another message type") << R"({"type":"SpeechStarted","is_final":true})" << nothing;
-    QTest::newRow("metadata") << R"({"type":"Metadata","request_id":"x"})" << nothing;
     QTest::newRow("type not a string") << R"({"type":1,"is_final":true})" << nothing;
     QTest::newRow("no type") << R"({"is_final":true,"channel":{"alternatives":[{"transcript":"x"}]}})"
                              << nothing;
