@@ -166,6 +166,9 @@ void ChatEngine::answer(const AnswerQuery& query, AnswerSink& sink) {
     }
     curl_slist* list = curl_slist_append(nullptr, "Content-Type: application/json");
     list = curl_slist_append(list, "Accept: text/event-stream");
+    // A long resume can push the body past libcurl's threshold for "Expect: 100-continue", and some
+    // local model servers never answer that; the body goes out at once instead.
+    list = curl_slist_append(list, "Expect:");
     if (!settings_.apiKey.empty()) {
         list = curl_slist_append(list, ("Authorization: Bearer " + settings_.apiKey).c_str());
     }

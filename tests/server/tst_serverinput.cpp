@@ -202,7 +202,7 @@ private slots:
         QTemporaryDir releases;
         const QByteArray manifest =
             R"({"version":"1.2.0","zip":"releases/Tallowind-1.2.0.zip","sha256":"ab"})";
-        const QByteArray zip("PK\x03\x04 not really a zip", 23);
+        const QByteArray zip = QByteArrayLiteral("PK\x03\x04 not really a zip");
         for (const auto& [name, bytes] : {std::pair{QStringLiteral("latest.json"), manifest},
                                           std::pair{QStringLiteral("Tallowind-1.2.0.zip"), zip}}) {
             QFile file(releases.filePath(name));

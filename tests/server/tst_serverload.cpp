@@ -50,7 +50,7 @@ private:
                                     std::atomic<int>& finished) {
         std::vector<std::thread> threads;
         for (int i = 0; i < clients; ++i) {
-            threads.emplace_back([&, i] {
+            threads.emplace_back([&replies, &finished, port, token, i] {
                 replies[i] = httpCall(port, "POST", "/answer", token, answerRequest);
                 ++finished;
             });
@@ -69,7 +69,7 @@ private slots:
             thread.join();
         }
         for (const HttpCall& reply : replies) {
-            QCOMPARE(reply.status, 200);
+            QVERIFY2(reply.status == 200, reply.failure.c_str());
             const auto [text, done] = readAnswer(reply.body);
             QVERIFY(done);
             QVERIFY(text.endsWith(QStringLiteral("\n- Wrote a lock-free queue and its stress tests\n")));
@@ -85,7 +85,7 @@ private slots:
              0},
             {R"(data: {"choices":[{"delta":{"content":"stress tests."}}]})"
              "\n\n",
-             1500},
+             4000},
             {"data: [DONE]\n\n", 0},
         });
         model.respondWith(response);
@@ -113,7 +113,7 @@ private slots:
         // Every request reached the model while the first answer was still being written.
         QCOMPARE(completedWhenAllArrived, 0);
         for (const HttpCall& reply : replies) {
-            QCOMPARE(reply.status, 200);
+            QVERIFY2(reply.status == 200, reply.failure.c_str());
             const auto [text, done] = readAnswer(reply.body);
             QVERIFY(done);
             QCOMPARE(text, QStringLiteral("I write stress tests."));
