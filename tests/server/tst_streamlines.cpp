@@ -1,0 +1,63 @@
+// The line splitter under the model's event stream: lines survive however the body is cut into reads.
+
+#include "streamlines.h"
+
+#include <QTest>
+
+Q_DECLARE_METATYPE(std::vector<std::string>)
+
+class TestStreamLines : public QObject {
+    Q_OBJECT
+
+private slots:
+    void linesAreTheSameWhereverTheBodyIsCut_data() {
+        QTest::addColumn<QByteArray>("body");
+        QTest::addColumn<std::vector<std::string>>("lines");
+
+        QTest::newRow("line feeds") << QByteArray("data: a\n\ndata: b\n")
+                                    << std::vector<std::string>{"data: a", "", "data: b"};
+        QTest::newRow("carriage return and line feed")
+            << QByteArray("data: a\r\n\r\ndata: b\r\n") << std::vector<std::string>{"data: a", "", "data: b"};
+        QTest::newRow("lone carriage returns")
+            << QByteArray("data: a\r\rdata: b\r") << std::vector<std::string>{"data: a", "", "data: b"};
+        QTest::newRow("no terminator at the end")
+            << QByteArray("data: a\ndata: [DONE]") << std::vector<std::string>{"data: a", "data: [DONE]"};
+        QTest::newRow("multi-byte text")
+            << QByteArray("data: {\"content\":\"caf\xc3\xa9 \xe2\x80\xa6\"}\n")
+            << std::vector<std::string>{"data: {\"content\":\"caf\xc3\xa9 \xe2\x80\xa6\"}"};
+        QTest::newRow("empty body") << QByteArray() << std::vector<std::string>{};
+    }
+
+    void linesAreTheSameWhereverTheBodyIsCut() {
+        QFETCH(QByteArray, body);
+        QFETCH(std::vector<std::string>, lines);
+        for (qsizetype cut = 0; cut <= body.size(); ++cut) {
+            server::StreamLines splitter;
+            auto got = splitter.feed(std::string_view(body.constData(), static_cast<std::size_t>(cut)));
+            for (auto& line : splitter.feed(
+                     std::string_view(body.constData() + cut, static_cast<std::size_t>(body.size() - cut)))) {
+                got.push_back(std::move(line));
+            }
+            if (auto last = splitter.finish(); !last.empty()) {
+                got.push_back(std::move(last));
+            }
+            QVERIFY2(got == lines, qPrintable(QStringLiteral("cut at byte %1").arg(cut)));
+        }
+    }
+
+    void byteByByteGivesTheSameLines() {
+        const std::string body = "data: one\r\ndata: two\rdata: three\n";
+        server::StreamLines splitter;
+        std::vector<std::string> got;
+        for (const char byte : body) {
+            for (auto& line : splitter.feed(std::string_view(&byte, 1))) {
+                got.push_back(std::move(line));
+            }
+        }
+        QCOMPARE(got, (std::vector<std::string>{"data: one", "data: two", "data: three"}));
+        QVERIFY(splitter.finish().empty());
+    }
+};
+
+QTEST_GUILESS_MAIN(TestStreamLines)
+#include "tst_streamlines.moc"
