@@ -1,6 +1,7 @@
 #include "capturerecorder.h"
 
 #include <QCoreApplication>
+#include <QTest>
 #include <QThread>
 
 AudioCapture::AudioHandler CaptureRecorder::handler() {
@@ -53,4 +54,19 @@ Completion<Done> StartOutcome::completion() {
         result = std::move(r);
         ++completions;
     };
+}
+
+std::optional<Result<Done>> startAndWait(AudioCapture& capture) {
+    std::optional<Result<Done>> result;
+    capture.start([&result](Result<Done> r) { result = std::move(r); });
+    if (!QTest::qWaitFor([&result] { return result.has_value(); }, 10'000))
+        return std::nullopt;
+    return result;
+}
+
+QString startProblem(AudioCapture& capture) {
+    const auto result = startAndWait(capture);
+    if (!result)
+        return QStringLiteral("no outcome");
+    return result->ok() ? QString() : result->failure().description();
 }

@@ -39,6 +39,11 @@ private:
     std::atomic<bool> afterClose_ = false;
 };
 
+// Starts `capture` and waits up to ten seconds for the outcome.
+std::optional<Result<Done>> startAndWait(AudioCapture& capture);
+// Starts `capture` and waits: empty once it has started, else what went wrong.
+QString startProblem(AudioCapture& capture);
+
 // The outcome of one start, filled in by its completion.
 struct StartOutcome {
     std::optional<Result<Done>> result;

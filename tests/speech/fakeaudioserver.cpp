@@ -88,7 +88,6 @@ std::unique_ptr<AudioServer::Recording> FakeAudioServer::record(const Request& r
     {
         std::lock_guard lock(mutex_);
         alive_.push_back(recording.get());
-        ++opened_;
         opening = opening_;
         failure = failure_;
     }
@@ -107,11 +106,6 @@ FakeRecording* FakeAudioServer::current() {
 int FakeAudioServer::alive() {
     std::lock_guard lock(mutex_);
     return int(alive_.size());
-}
-
-int FakeAudioServer::opened() {
-    std::lock_guard lock(mutex_);
-    return opened_;
 }
 
 void FakeAudioServer::setOpening(Opening opening, AudioServer::Failure failure) {

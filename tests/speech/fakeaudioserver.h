@@ -58,7 +58,6 @@ public:
     // The recording most recently opened, if it is still alive.
     FakeRecording* current();
     int alive();
-    int opened();
 
     // What each new recording does by itself as soon as it is opened: start (the default), fail, or wait
     // for the test.
@@ -71,7 +70,6 @@ private:
 
     std::mutex mutex_;
     std::vector<FakeRecording*> alive_;
-    int opened_ = 0;
     Opening opening_ = Opening::starts;
     AudioServer::Failure failure_;
 };

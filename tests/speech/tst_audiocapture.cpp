@@ -106,9 +106,7 @@ void AudioCaptureTest::convertsBuffersInAnyFormat() {
     auto capture = makeCapture(which, server);
     CaptureRecorder received;
     capture->setOnAudio(received.handler());
-    StartOutcome start;
-    capture->start(start.completion());
-    QTRY_VERIFY(start.result);
+    QCOMPARE(startProblem(*capture), QString());
 
     const int buffers = 40;
     for (int i = 0; i < buffers; ++i) {
@@ -177,10 +175,7 @@ void AudioCaptureTest::startFailures() {
 
     // The next start tries again.
     server->setOpening(FakeAudioServer::Opening::starts);
-    StartOutcome again;
-    capture->start(again.completion());
-    QTRY_VERIFY(again.result);
-    QVERIFY(again.result->ok());
+    QCOMPARE(startProblem(*capture), QString());
 }
 
 void AudioCaptureTest::serverEndingTheCaptureCallsOnStop_data() {
@@ -200,9 +195,7 @@ void AudioCaptureTest::serverEndingTheCaptureCallsOnStop() {
         stops.append(failure);
         stopOnMainThread = QThread::currentThread() == qApp->thread();
     });
-    StartOutcome start;
-    capture->start(start.completion());
-    QTRY_VERIFY(start.result);
+    QCOMPARE(startProblem(*capture), QString());
 
     server->current()->fail(Kind::server, QStringLiteral("Connection terminated"));
     QTRY_COMPARE(stops.size(), 1);
@@ -212,10 +205,7 @@ void AudioCaptureTest::serverEndingTheCaptureCallsOnStop() {
 
     // Stopping what has already ended is harmless and reports nothing more; a new start works.
     capture->stop();
-    StartOutcome again;
-    capture->start(again.completion());
-    QTRY_VERIFY(again.result);
-    QVERIFY(again.result->ok());
+    QCOMPARE(startProblem(*capture), QString());
     QCOMPARE(server->alive(), 1);
     QCOMPARE(stops.size(), 1);
 }
@@ -226,9 +216,7 @@ void AudioCaptureTest::ownStopIsNeverReported() {
     MicCapture capture(server);
     int stops = 0;
     capture.setOnStop([&stops](const Failure&) { ++stops; });
-    StartOutcome start;
-    capture.start(start.completion());
-    QTRY_VERIFY(start.result);
+    QCOMPARE(startProblem(capture), QString());
 
     server->current()->fail(Kind::server, QStringLiteral("Connection terminated"));
     server->current()->flush();
@@ -243,18 +231,14 @@ void AudioCaptureTest::stopSilencesAtOnce() {
     SystemAudioCapture capture(server);
     CaptureRecorder received;
     capture.setOnAudio(received.handler());
-    StartOutcome start;
-    capture.start(start.completion());
-    QTRY_VERIFY(start.result);
+    QCOMPARE(startProblem(capture), QString());
 
     server->current()->flow(studio, toneBuffer(studio, 0));
     QTRY_VERIFY(received.calls() > 20);
     capture.stop();
     received.close();
-    const int atStop = received.calls();
     QCOMPARE(server->alive(), 0);
     QTest::qWait(50);
-    QCOMPARE(received.calls(), atStop);
     QVERIFY(!received.calledAfterClose());
 }
 
@@ -264,8 +248,7 @@ void AudioCaptureTest::stopWhileStartingCancelsTheStart() {
     MicCapture capture(server);
     StartOutcome start;
     capture.start(start.completion());
-    FakeRecording* recording = server->current();
-    QVERIFY(recording);
+    QVERIFY(server->current());
     capture.stop();
     QCOMPARE(server->alive(), 0);
     QTRY_VERIFY(start.result);
@@ -277,9 +260,7 @@ void AudioCaptureTest::stopWhileStartingCancelsTheStart() {
 void AudioCaptureTest::withoutHandlerDataIsDroppedAndTheConverterCarriesOver() {
     auto server = std::make_shared<FakeAudioServer>();
     SystemAudioCapture capture(server);
-    StartOutcome first;
-    capture.start(first.completion());
-    QTRY_VERIFY(first.result);
+    QCOMPARE(startProblem(capture), QString());
     for (int i = 0; i < 4; ++i) server->current()->deliver(studio, toneBuffer(studio, qint64(i) * 4096));
     server->current()->flush();
     capture.stop();
@@ -288,9 +269,7 @@ void AudioCaptureTest::withoutHandlerDataIsDroppedAndTheConverterCarriesOver() {
     // first run's audio went nowhere.
     CaptureRecorder received;
     capture.setOnAudio(received.handler());
-    StartOutcome second;
-    capture.start(second.completion());
-    QTRY_VERIFY(second.result);
+    QCOMPARE(startProblem(capture), QString());
     for (int i = 4; i < 8; ++i) server->current()->deliver(studio, toneBuffer(studio, qint64(i) * 4096));
     server->current()->flush();
 
@@ -317,19 +296,15 @@ void AudioCaptureTest::destroyedWhileBuffersAreInFlight() {
     });
     int stops = 0;
     capture->setOnStop([&stops](const Failure&) { ++stops; });
-    StartOutcome start;
-    capture->start(start.completion());
-    QTRY_VERIFY(start.result);
+    QCOMPARE(startProblem(*capture), QString());
     server->current()->flow(studio, toneBuffer(studio, 0));
     QTRY_VERIFY(received->calls() > 5);
     server->current()->fail(Kind::server, QStringLiteral("Connection terminated"));
 
     capture.reset();
     received->close();
-    const int atDestruction = received->calls();
     QCOMPARE(server->alive(), 0);
     QTest::qWait(50);
-    QCOMPARE(received->calls(), atDestruction);
     QVERIFY(!received->calledAfterClose());
     QCOMPARE(stops, 0);
 }
