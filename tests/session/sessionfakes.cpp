@@ -56,10 +56,9 @@ void FakeStreams::Record::addSent(const QByteArray& pcm) {
 }
 
 SessionController::StreamFactory FakeStreams::factory() {
-    return [this](const QString& label, TokenProvider tokens) -> std::unique_ptr<SpeechStream> {
+    return [this](const QString& label, TokenProvider) -> std::unique_ptr<SpeechStream> {
         auto record = std::make_shared<Record>();
         record->label = label;
-        record->tokens = std::move(tokens);
         made_.push_back(record);
         return std::make_unique<FakeStream>(record);
     };
@@ -145,11 +144,6 @@ void FakeBackend::AnswerRecord::end(const std::optional<Failure>& failure) {
     if (!abandoned && handlers.ended) {
         handlers.ended(failure);
     }
-}
-
-void FakeBackend::speechToken(Completion<QString> done) {
-    ++record_->tokenRequests;
-    done(QStringLiteral("speech-token"));
 }
 
 std::unique_ptr<SessionBackend::Answer> FakeBackend::answer(const AnswerRequest& request,

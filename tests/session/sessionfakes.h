@@ -25,7 +25,6 @@ class FakeStreams {
 public:
     struct Record {
         QString label;
-        TokenProvider tokens;
         SpeechStream::EventHandler onEvent;
         int starts = 0;
         int stops = 0;
@@ -101,7 +100,6 @@ public:
 
     struct Record {
         bool signedIn = true;
-        int tokenRequests = 0;
         QList<double> usage;
         std::vector<std::shared_ptr<AnswerRecord>> answers;
     };
@@ -109,7 +107,7 @@ public:
     explicit FakeBackend(std::shared_ptr<Record> record) : record_(std::move(record)) {}
 
     bool isSignedIn() const override { return record_->signedIn; }
-    void speechToken(Completion<QString> done) override;
+    void speechToken(Completion<QString> done) override { done(QStringLiteral("speech-token")); }
     void reportUsage(double seconds) override { record_->usage.append(seconds); }
     std::unique_ptr<Answer> answer(const AnswerRequest& request, AnswerHandlers handlers) override;
 

@@ -9,6 +9,7 @@
 using namespace std::chrono_literals;
 using Health = SessionController::Health;
 using Event = SpeechStream::Event;
+using namespace Qt::StringLiterals;
 
 namespace {
 
@@ -59,9 +60,13 @@ struct Rig {
     }
 
     // Stream events, each handed over through the event loop: "I final A", "M final! B" (end of
-    // utterance), "I interim C", "M utteranceEnd", "I connected", "I failed message".
+    // utterance), "I interim C", "M utteranceEnd", "I connected", "I failed message"; and "stop".
     void run(const QStringList& steps) {
         for (const QString& step : steps) {
+            if (step == QLatin1String("stop")) {
+                session->stop();
+                continue;
+            }
             const QString kind = step.section(QLatin1Char(' '), 1, 1);
             const QString text = step.section(QLatin1Char(' '), 2);
             Event event;
@@ -119,7 +124,6 @@ private slots:
     void microphone_data();
     void microphone();
     void microphoneAccessAfterStopDoesNothing();
-    void stopCommitsPendingTextOfBothSpeakers();
     void systemCaptureFailure_data();
     void systemCaptureFailure();
     void systemCaptureEndedByServer_data();
@@ -167,11 +171,6 @@ void SessionControllerTest::everyAssignmentNotifiesOnce() {
     QCOMPARE(question.count(), 2);
     QCOMPARE(answer.count(), 2);
     QCOMPARE(answering.count(), 2);
-
-    // The property system sees the same notifications.
-    const QMetaProperty property =
-        session.metaObject()->property(session.metaObject()->indexOfProperty("notice"));
-    QCOMPARE(property.notifySignal().name(), QByteArray("noticeChanged"));
 }
 
 void SessionControllerTest::toggleStartsAndStops() {
@@ -194,13 +193,6 @@ void SessionControllerTest::toggleStartsAndStops() {
     QCOMPARE(stream.starts, 1);
     QCOMPARE(rig.system->state, FakeCapture::State::starting);
     QCOMPARE(rig.clock->liveTimers(), 1);
-    QCOMPARE(rig.access->requests, 0);
-
-    // The stream's token comes from the session's backend.
-    std::optional<QString> token;
-    stream.tokens([&token](const Result<QString>& result) { token = result.value(); });
-    QCOMPARE(token, QStringLiteral("speech-token"));
-    QCOMPARE(rig.backend->tokenRequests, 1);
 
     FakeCapture::finishStart(*rig.system, Done{});
     QCOMPARE(session.systemAudio(), Health::connecting);
@@ -307,16 +299,6 @@ void SessionControllerTest::microphoneAccessAfterStopDoesNothing() {
     QCOMPARE(rig.session->mic(), Health::problem);
     QCOMPARE(rig.session->notice(), micOffNotice);
     QCOMPARE(notice.count(), 2);  // cleared by start, then set once: the stale answer did nothing
-}
-
-void SessionControllerTest::stopCommitsPendingTextOfBothSpeakers() {
-    Rig rig(true, true);
-    rig.listen();
-    rig.run({"I final Why did you", "I final leave?", "M interim well", "M final Well", "I interim so"});
-    QCOMPARE(rig.session->interimInterviewer(), QStringLiteral("Why did you leave? so"));
-    rig.session->stop();
-    QCOMPARE(rig.transcript(), (QStringList{"I:Why did you leave?", "M:Well"}));
-    QVERIFY(rig.backend->answers.empty());
 }
 
 void SessionControllerTest::systemCaptureFailure_data() {
@@ -449,6 +431,10 @@ void SessionControllerTest::transcriptAssembly_data() {
     QTest::newRow("user commits first") << L{"I final A", "M final! X", "I utteranceEnd"} << L{"M:X", "I:A"};
     QTest::newRow("one speaker's end leaves the other pending")
         << L{"I final A", "M final X", "M utteranceEnd"} << L{"M:X", "I~A"};
+    QTest::newRow("stop commits what both speakers were saying")
+        << L{"I final Why did you", "I final leave?", "M interim well",
+             "M final Well",        "I interim so",   "stop"}
+        << L{"I:Why did you leave?", "M:Well"};
     QTest::newRow("text kept exactly") << L{"I final  spaced ", "I final! end"} << L{"I: spaced  end"};
 }
 
@@ -567,6 +553,8 @@ void SessionControllerTest::automaticAnswer_data() {
     QTest::newRow("separate utterance end triggers too")
         << true << L{"I final Tell me about", "I final yourself", "I utteranceEnd"}
         << L{"Tell me about yourself"};
+    QTest::newRow("what stop commits is not answered")
+        << true << L{"I final Why did you leave?", "stop"} << L();
     QTest::newRow("only the last four lines")
         << true << L{"I final! Why?", "I final! a", "I final! b", "I final! c", "I final! d"}
         << L{"Why?", "Why? a", "Why? a b", "Why? a b c"};
@@ -680,37 +668,32 @@ void SessionControllerTest::errorAfterSomePieces() {
 void SessionControllerTest::answerNow_data() {
     QTest::addColumn<QStringList>("steps");
     QTest::addColumn<QString>("question");  // empty: no request
-    QTest::addColumn<bool>("stopFirst");
     QTest::addColumn<QString>("notice");
 
     using L = QStringList;
     QTest::newRow("trailing interviewer lines")
-        << L{"I final! Tell me", "M final! ok", "I final! more"} << "more" << false << "";
+        << L{"I final! Tell me", "M final! ok", "I final! more"} << u"more"_s << "";
     QTest::newRow("with the words still heard")
-        << L{"I final! So", "I final what", "I interim next"} << "So what next" << false << "";
+        << L{"I final! So", "I final what", "I interim next"} << u"So what next"_s << "";
     QTest::newRow("user spoke last: the words still heard")
-        << L{"I final! A", "M final! B", "I interim C"} << "C" << false << "";
+        << L{"I final! A", "M final! B", "I interim C"} << u"C"_s << "";
     QTest::newRow("user spoke last: newest interviewer line")
-        << L{"I final! A", "I final! A2", "M final! B"} << "A2" << false << "";
-    QTest::newRow("no question is needed") << L{"I final! Okay"} << "Okay" << false << "";
+        << L{"I final! A", "I final! A2", "M final! B"} << u"A2"_s << "";
+    QTest::newRow("no question is needed") << L{"I final! Okay"} << u"Okay"_s << "";
     QTest::newRow("nothing said, listening")
-        << L{"M final! Hello"} << "" << false << "Waiting for the interviewer to say something.";
-    QTest::newRow("nothing said, idle") << L() << "" << true << "Start listening first (⌃⌥S).";
-    QTest::newRow("after stop, from the transcript") << L{"I final! Kept"} << "Kept" << true << "";
+        << L{"M final! Hello"} << QString() << "Waiting for the interviewer to say something.";
+    QTest::newRow("nothing said, idle") << L{"stop"} << QString() << "Start listening first (⌃⌥S).";
+    QTest::newRow("after stop, from the transcript") << L{"I final! Kept", "stop"} << u"Kept"_s << "";
 }
 
 void SessionControllerTest::answerNow() {
     QFETCH(QStringList, steps);
     QFETCH(QString, question);
-    QFETCH(bool, stopFirst);
     QFETCH(QString, notice);
 
     Rig rig(true);
     rig.listen();
     rig.run(steps);
-    if (stopFirst) {
-        rig.session->stop();
-    }
     rig.session->answerNow();
     QCOMPARE(rig.questionsAsked(), question.isEmpty() ? QStringList() : QStringList{question});
     QCOMPARE(rig.session->notice(), notice);
