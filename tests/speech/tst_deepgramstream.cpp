@@ -106,8 +106,7 @@ class TestDeepgramStream : public QObject {
 private slots:
     void endpoint_data();
     void endpoint();
-    void connectsWithTheFixedRequestAndToken();
-    void deliversRecognitionEventsInOrder();
+    void connectsAndDeliversEventsInOrder();
     void sendsAudioAsGivenOnceTheSocketOpens();
     void keepsAnIdleConnectionAlive();
     void stopClosesWithCloseStreamAndNormalCode();
@@ -142,24 +141,9 @@ void TestDeepgramStream::endpoint() {
     QCOMPARE(DeepgramStream::endpoint(base).toString(QUrl::FullyEncoded), expected);
 }
 
-void TestDeepgramStream::connectsWithTheFixedRequestAndToken() {
+void TestDeepgramStream::connectsAndDeliversEventsInOrder() {
     Fixture f;
     f.tokens.answers = {QStringLiteral("eyJ0.abc-DEF_123")};
-    QCOMPARE(f.stream->label(), QStringLiteral("Interviewer"));
-    f.stream->start();
-
-    QTRY_COMPARE(f.recorder.events, QStringList{"connected"});
-    QCOMPARE(f.server.connections().size(), 1);
-    const auto& connection = f.server.connections().first();
-    QCOMPARE(connection.target, listenTarget);
-    QCOMPARE(connection.header("Authorization"), QByteArray("Bearer eyJ0.abc-DEF_123"));
-    QCOMPARE(f.tokens.asked(), 1);
-    QVERIFY(!f.recorder.offMainThread);
-    f.stream->stop();
-}
-
-void TestDeepgramStream::deliversRecognitionEventsInOrder() {
-    Fixture f;
     f.server.setGreeting({
         R"({"type":"Metadata","request_id":"r"})",
         R"({"type":"Results","is_final":false,"channel":{"alternatives":[{"transcript":"  tell me  "}]}})",
@@ -167,8 +151,14 @@ void TestDeepgramStream::deliversRecognitionEventsInOrder() {
         R"({"type":"Results","is_final":true,"speech_final":true,"channel":{"alternatives":[{"transcript":"tell me about it"}]}})",
         R"({"type":"UtteranceEnd","last_word_end":1.2})",
     });
+    QCOMPARE(f.stream->label(), QStringLiteral("Interviewer"));
     f.stream->start();
     QTRY_COMPARE(f.recorder.events.size(), 4);
+    QCOMPARE(f.server.connections().size(), 1);
+    QCOMPARE(f.server.connections().first().target, listenTarget);
+    QCOMPARE(f.server.connections().first().header("Authorization"), QByteArray("Bearer eyJ0.abc-DEF_123"));
+    QCOMPARE(f.tokens.asked(), 1);
+
     // A binary message from the service is ignored and the stream goes on listening.
     f.server.sendBinary(0, QByteArray(16, '\x01'));
     f.server.sendText(0, R"({"type":"Results","is_final":true,"channel":{"alternatives":[]}})");
