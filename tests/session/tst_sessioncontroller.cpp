@@ -678,7 +678,7 @@ void SessionControllerTest::answerNow_data() {
     QTest::newRow("user spoke last: the words still heard")
         << L{"I final! A", "M final! B", "I interim C"} << u"C"_s << "";
     QTest::newRow("user spoke last: newest interviewer line")
-        << L{"I final! A", "I final! A2", "M final! B"} << u"A2"_s << "";
+        << L{"I final! A", "I final! A2", "M final! B", "M final! C"} << u"A2"_s << "";
     QTest::newRow("no question is needed") << L{"I final! Okay"} << u"Okay"_s << "";
     QTest::newRow("nothing said, listening")
         << L{"M final! Hello"} << QString() << "Waiting for the interviewer to say something.";

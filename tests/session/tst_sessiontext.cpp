@@ -29,8 +29,6 @@ private slots:
     void looksLikeQuestion();
     void currentQuestion_data();
     void currentQuestion();
-    void latestInterviewerText_data();
-    void latestInterviewerText();
 };
 
 void SessionTextTest::join_data() {
@@ -110,21 +108,6 @@ void SessionTextTest::currentQuestion() {
     QFETCH(QStringList, lines);
     QFETCH(QString, question);
     QCOMPARE(SessionText::currentQuestion(transcript(lines)), question);
-}
-
-void SessionTextTest::latestInterviewerText_data() {
-    QTest::addColumn<QStringList>("lines");
-    QTest::addColumn<QString>("text");
-
-    QTest::newRow("none") << QStringList() << "";
-    QTest::newRow("behind the user's lines") << QStringList{"I:A", "I:B", "M:C", "M:D"} << "B";
-    QTest::newRow("only the user") << QStringList{"M:C"} << "";
-}
-
-void SessionTextTest::latestInterviewerText() {
-    QFETCH(QStringList, lines);
-    QFETCH(QString, text);
-    QCOMPARE(SessionText::latestInterviewerText(transcript(lines)), text);
 }
 
 QTEST_APPLESS_MAIN(SessionTextTest)
