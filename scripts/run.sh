@@ -61,6 +61,7 @@ export TALLOWIND_SERVER="$server_url" TALLOWIND_TOKEN="$token"
 export TALLOWIND_RESUME="${TALLOWIND_RESUME:-$PWD/samples/resume.txt}"
 status=0
 if [ -n "${DISPLAY:-}${WAYLAND_DISPLAY:-}" ]; then
+    echo "Tallowind is running against $server_url; Ctrl+C stops it and the server."
     build/tallowind || status=$?
 else
     build/tallowind --test-answer "Tell me about a project you are proud of." || status=$?
