@@ -93,7 +93,7 @@ std::size_t received(char* data, std::size_t size, std::size_t count, void* targ
     transfer->lastUpstream = SteadyClock::now();
     const long status = transfer->status();
     if (status < 200 || status > 299) {
-        if (transfer->errorBody.size() < 64 * 1024) {
+        if (transfer->errorBody.size() < std::size_t{64} * 1024) {
             transfer->errorBody.append(data, length);
         }
         return length;

@@ -1,6 +1,7 @@
 #include "sessiontext.h"
 
 #include <array>
+#include <ranges>
 
 namespace {
 
@@ -92,9 +93,9 @@ QString currentQuestion(const QList<TranscriptLine>& lines) {
 }
 
 QString latestInterviewerText(const QList<TranscriptLine>& lines) {
-    for (auto line = lines.crbegin(); line != lines.crend(); ++line) {
-        if (line->speaker == Speaker::interviewer) {
-            return line->text;
+    for (const TranscriptLine& line : std::views::reverse(lines)) {
+        if (line.speaker == Speaker::interviewer) {
+            return line.text;
         }
     }
     return {};
