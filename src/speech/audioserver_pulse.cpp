@@ -151,16 +151,16 @@ private:
 
     void open(const AudioFormat& format) {
         format_ = format;
-        const pa_sample_spec spec{sampleFormat(format.sampleType),
-                                  static_cast<std::uint32_t>(format.sampleRate),
-                                  static_cast<std::uint8_t>(format.channels)};
+        const pa_sample_spec sampleSpec{sampleFormat(format.sampleType),
+                                        static_cast<std::uint32_t>(format.sampleRate),
+                                        static_cast<std::uint8_t>(format.channels)};
         const bool monitor = request_.source == AudioServer::Request::Source::defaultMonitor;
-        stream_ = pa_stream_new(context_, monitor ? "System audio" : "Microphone", &spec, nullptr);
+        stream_ = pa_stream_new(context_, monitor ? "System audio" : "Microphone", &sampleSpec, nullptr);
         if (!stream_) {
             fail(Failure::Kind::server, pa_context_errno(context_));
             return;
         }
-        frameSize_ = pa_frame_size(&spec);
+        frameSize_ = pa_frame_size(&sampleSpec);
         pa_stream_set_state_callback(stream_, &PulseRecording::streamChanged, this);
         pa_stream_set_read_callback(stream_, &PulseRecording::readable, this);
         pa_buffer_attr attributes{};
