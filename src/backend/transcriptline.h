@@ -8,8 +8,7 @@ enum class Speaker { interviewer, me };
 
 QString speakerName(Speaker speaker);
 
-// One committed line of the transcript. The id is made with the line and never sent: a decoded
-// line gets a new one.
+// One committed line of the transcript. The id is made with the line and never sent.
 struct TranscriptLine {
     QUuid id = QUuid::createUuid();
     Speaker speaker = Speaker::interviewer;
@@ -19,7 +18,6 @@ struct TranscriptLine {
     TranscriptLine(Speaker speaker, QString text) : speaker(speaker), text(std::move(text)) {}
 
     QJsonObject toJson() const;
-    static std::optional<TranscriptLine> fromJson(const QJsonObject& object);
 
     friend bool operator==(const TranscriptLine&, const TranscriptLine&) = default;
 };
