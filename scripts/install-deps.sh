@@ -8,11 +8,13 @@ packages=(
     # libraries
     qt6-base-dev qt6-websockets-dev qtkeychain-qt6-dev libpulse-dev libsoxr-dev libsndfile1-dev
     libpoppler-cpp-dev libmd4c-dev libzip-dev libx11-dev libcpp-httplib-dev libcurl4-openssl-dev libsqlite3-dev
-    libssl-dev nlohmann-json3-dev
+    libssl-dev nlohmann-json3-dev qt6-svg-dev libxcb1-dev
     # tests and benchmarks
     libgtest-dev libbenchmark-dev
     # services the tests start: a session bus with a keyring, an audio server, a display
     dbus dbus-x11 gnome-keyring libsecret-tools pulseaudio pulseaudio-utils espeak-ng sox xvfb
+    # desktop tests and screenshots: synthetic input, a compositor, window inspection
+    libxtst-dev xdotool xcompmgr x11-utils
     # used by the scripts
     curl python3 procps
 )

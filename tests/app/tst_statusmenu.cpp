@@ -1,0 +1,66 @@
+#include "statusmenu.h"
+
+#include <QTest>
+
+using StatusMenu::Action;
+
+class TestStatusMenu : public QObject {
+    Q_OBJECT
+
+private slots:
+    void titlesFollowTheStateWhenTheMenuOpens_data() {
+        QTest::addColumn<bool>("listening");
+        QTest::addColumn<bool>("overlayVisible");
+        QTest::addColumn<bool>("signedIn");
+        QTest::addColumn<QStringList>("titles");
+        QTest::addColumn<Action>("accountAction");
+
+        const auto titles = [](const char* listen, const char* overlay, const char* account) {
+            return QStringList{QString::fromUtf8(listen),
+                               QStringLiteral("Answer Now    Ctrl+Alt+Enter"),
+                               QString::fromUtf8(overlay),
+                               {},
+                               QStringLiteral("Settings…"),
+                               QStringLiteral("Check for Updates…"),
+                               QString::fromUtf8(account),
+                               {},
+                               QStringLiteral("Quit Tallowind")};
+        };
+        QTest::newRow("idle, overlay hidden, signed out")
+            << false << false << false
+            << titles("Start Listening    Ctrl+Alt+S", "Show Overlay    Ctrl+Alt+Space", "Sign In…")
+            << Action::showOnboarding;
+        QTest::newRow("listening with the overlay up, signed in")
+            << true << true << true
+            << titles("Stop Listening    Ctrl+Alt+S", "Hide Overlay    Ctrl+Alt+Space", "Sign Out")
+            << Action::signOut;
+    }
+    void titlesFollowTheStateWhenTheMenuOpens() {
+        QFETCH(bool, listening);
+        QFETCH(bool, overlayVisible);
+        QFETCH(bool, signedIn);
+        QFETCH(QStringList, titles);
+        QFETCH(Action, accountAction);
+
+        const auto items = StatusMenu::items({listening, overlayVisible, signedIn});
+        QStringList shown;
+        for (const auto& item : items) {
+            shown << item.title;
+        }
+        QCOMPARE(shown, titles);
+        QCOMPARE(items[6].action, accountAction);
+        QCOMPARE(items[3].action, Action::separator);
+        QCOMPARE(items[7].action, Action::separator);
+    }
+
+    void onlyAnOnboardedSignedInUserStartsWithTheOverlay() {
+        using StatusMenu::StartWindow;
+        QCOMPARE(StatusMenu::startWindow(true, true), StartWindow::overlay);
+        QCOMPARE(StatusMenu::startWindow(true, false), StartWindow::onboarding);
+        QCOMPARE(StatusMenu::startWindow(false, true), StartWindow::onboarding);
+        QCOMPARE(StatusMenu::startWindow(false, false), StartWindow::onboarding);
+    }
+};
+
+QTEST_APPLESS_MAIN(TestStatusMenu)
+#include "tst_statusmenu.moc"
