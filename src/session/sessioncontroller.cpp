@@ -18,8 +18,8 @@ const QString meLabel = QStringLiteral("You");
 
 QString systemAudioUnavailableNotice() {
     return QStringLiteral(
-        "Tallowind can't hear your computer's audio. Allow Screen & System Audio Recording for Tallowind in "
-        "System Settings, then restart Tallowind.");
+        "Tallowind can't hear your computer's audio. Check that your sound settings have an output device, "
+        "then start listening again.");
 }
 
 QString systemAudioStoppedNotice(const Failure& error) {
@@ -28,7 +28,7 @@ QString systemAudioStoppedNotice(const Failure& error) {
         reason = QStringLiteral("unknown reason");
     }
     return QStringLiteral("System audio stopped: ") + reason +
-           QStringLiteral(". Press ⌃⌥S twice to restart.");
+           QStringLiteral(". Press Ctrl+Alt+S twice to restart.");
 }
 
 SessionController::StreamFactory deepgramStreams() {
@@ -369,7 +369,7 @@ void SessionController::answerNow() {
     }
     if (question.isEmpty()) {
         setNotice(isRunning_ ? QStringLiteral("Waiting for the interviewer to say something.")
-                             : QStringLiteral("Start listening first (⌃⌥S)."));
+                             : QStringLiteral("Start listening first (Ctrl+Alt+S)."));
         return;
     }
     ask(question);

@@ -18,8 +18,8 @@ const QString you = QStringLiteral("You");
 const QString micOffNotice =
     QStringLiteral("Microphone access is off, so Tallowind only hears the interviewer.");
 const QString cantHearNotice = QStringLiteral(
-    "Tallowind can't hear your computer's audio. Allow Screen & System Audio Recording for Tallowind in "
-    "System Settings, then restart Tallowind.");
+    "Tallowind can't hear your computer's audio. Check that your sound settings have an output device, "
+    "then start listening again.");
 const QString reconnecting = QStringLiteral("Reconnecting to speech service…");
 const BackendError noDisplay = BackendError::server("No display found to capture audio from.");
 
@@ -164,7 +164,7 @@ void SessionControllerTest::everyAssignmentNotifiesOnce() {
     session.answerNow();
     session.answerNow();
     QCOMPARE(notice.count(), 2);
-    QCOMPARE(session.notice(), QStringLiteral("Start listening first (⌃⌥S)."));
+    QCOMPARE(session.notice(), QStringLiteral("Start listening first (Ctrl+Alt+S)."));
     session.clear();
     session.clear();
     QCOMPARE(notice.count(), 4);
@@ -340,9 +340,9 @@ void SessionControllerTest::systemCaptureEndedByServer_data() {
 
     QTest::newRow("with the server's reason")
         << "The device went away"
-        << "System audio stopped: The device went away. Press ⌃⌥S twice to restart.";
+        << "System audio stopped: The device went away. Press Ctrl+Alt+S twice to restart.";
     QTest::newRow("without a reason") << ""
-                                      << "System audio stopped: unknown reason. Press ⌃⌥S twice to restart.";
+                                      << "System audio stopped: unknown reason. Press Ctrl+Alt+S twice to restart.";
 }
 
 void SessionControllerTest::systemCaptureEndedByServer() {
@@ -682,7 +682,7 @@ void SessionControllerTest::answerNow_data() {
     QTest::newRow("no question is needed") << L{"I final! Okay"} << u"Okay"_s << "";
     QTest::newRow("nothing said, listening")
         << L{"M final! Hello"} << QString() << "Waiting for the interviewer to say something.";
-    QTest::newRow("nothing said, idle") << L{"stop"} << QString() << "Start listening first (⌃⌥S).";
+    QTest::newRow("nothing said, idle") << L{"stop"} << QString() << "Start listening first (Ctrl+Alt+S).";
     QTest::newRow("after stop, from the transcript") << L{"I final! Kept", "stop"} << u"Kept"_s << "";
 }
 
