@@ -3,9 +3,9 @@
 #include <QList>
 #include <QString>
 
-// What the tray menu and the start of the program show, decided from the state alone so that every
-// combination can be checked without a tray or a window.
-namespace StatusMenu {
+// What the tray menu, the start of the program and the closing of a window lead to, decided from the state
+// alone so that every combination can be checked without a tray or a window.
+namespace ShellRules {
 
 enum class Action {
     separator,
@@ -33,11 +33,17 @@ struct Item {
 };
 
 // The menu's items in order, titles as shown.
-QList<Item> items(const State& state);
+QList<Item> menuItems(const State& state);
 
 enum class StartWindow { overlay, onboarding };
 
 // The overlay for a user who finished onboarding and is signed in; onboarding for everyone else.
 StartWindow startWindow(bool onboarded, bool signedIn);
 
-}  // namespace StatusMenu
+enum class Window { onboarding, settings };
+
+// Whether the program still shows a window of its own in the taskbar once `closing` has closed: only
+// while the other of the two windows is open.
+bool windowStaysOpen(Window closing, bool onboardingVisible, bool settingsVisible);
+
+}  // namespace ShellRules

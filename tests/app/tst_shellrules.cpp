@@ -1,10 +1,10 @@
-#include "statusmenu.h"
+#include "shellrules.h"
 
 #include <QTest>
 
-using StatusMenu::Action;
+using ShellRules::Action;
 
-class TestStatusMenu : public QObject {
+class TestShellRules : public QObject {
     Q_OBJECT
 
 private slots:
@@ -42,7 +42,7 @@ private slots:
         QFETCH(QStringList, titles);
         QFETCH(Action, accountAction);
 
-        const auto items = StatusMenu::items({listening, overlayVisible, signedIn});
+        const auto items = ShellRules::menuItems({listening, overlayVisible, signedIn});
         QStringList shown;
         for (const auto& item : items) {
             shown << item.title;
@@ -54,13 +54,21 @@ private slots:
     }
 
     void onlyAnOnboardedSignedInUserStartsWithTheOverlay() {
-        using StatusMenu::StartWindow;
-        QCOMPARE(StatusMenu::startWindow(true, true), StartWindow::overlay);
-        QCOMPARE(StatusMenu::startWindow(true, false), StartWindow::onboarding);
-        QCOMPARE(StatusMenu::startWindow(false, true), StartWindow::onboarding);
-        QCOMPARE(StatusMenu::startWindow(false, false), StartWindow::onboarding);
+        using ShellRules::StartWindow;
+        QCOMPARE(ShellRules::startWindow(true, true), StartWindow::overlay);
+        QCOMPARE(ShellRules::startWindow(true, false), StartWindow::onboarding);
+        QCOMPARE(ShellRules::startWindow(false, true), StartWindow::onboarding);
+        QCOMPARE(ShellRules::startWindow(false, false), StartWindow::onboarding);
+    }
+
+    void closingOneWindowKeepsTheProgramInTheTaskbarOnlyWhileTheOtherIsOpen() {
+        using ShellRules::Window;
+        QVERIFY(ShellRules::windowStaysOpen(Window::settings, true, true));
+        QVERIFY(!ShellRules::windowStaysOpen(Window::settings, false, true));
+        QVERIFY(ShellRules::windowStaysOpen(Window::onboarding, true, true));
+        QVERIFY(!ShellRules::windowStaysOpen(Window::onboarding, true, false));
     }
 };
 
-QTEST_APPLESS_MAIN(TestStatusMenu)
-#include "tst_statusmenu.moc"
+QTEST_APPLESS_MAIN(TestShellRules)
+#include "tst_shellrules.moc"

@@ -1,8 +1,8 @@
-#include "statusmenu.h"
+#include "shellrules.h"
 
 #include "shortcuts.h"
 
-namespace StatusMenu {
+namespace ShellRules {
 
 namespace {
 
@@ -13,7 +13,7 @@ QString withKeys(const char* title, Shortcuts::Action action) {
 
 }  // namespace
 
-QList<Item> items(const State& state) {
+QList<Item> menuItems(const State& state) {
     using Shortcuts::Action::answerNow;
     using Shortcuts::Action::toggleListening;
     using Shortcuts::Action::toggleOverlay;
@@ -36,4 +36,8 @@ StartWindow startWindow(bool onboarded, bool signedIn) {
     return onboarded && signedIn ? StartWindow::overlay : StartWindow::onboarding;
 }
 
-}  // namespace StatusMenu
+bool windowStaysOpen(Window closing, bool onboardingVisible, bool settingsVisible) {
+    return closing == Window::onboarding ? settingsVisible : onboardingVisible;
+}
+
+}  // namespace ShellRules
