@@ -40,4 +40,12 @@ bool windowStaysOpen(Window closing, bool onboardingVisible, bool settingsVisibl
     return closing == Window::onboarding ? settingsVisible : onboardingVisible;
 }
 
+std::optional<QByteArray> forcedPlatform(const QByteArray& sessionType, const QByteArray& display,
+                                         const QByteArray& chosenPlatform) {
+    if (sessionType == "wayland" && !display.isEmpty() && chosenPlatform.isEmpty()) {
+        return QByteArrayLiteral("xcb");
+    }
+    return std::nullopt;
+}
+
 }  // namespace ShellRules

@@ -1,7 +1,10 @@
 #pragma once
 
+#include <QByteArray>
 #include <QList>
 #include <QString>
+
+#include <optional>
 
 // What the tray menu, the start of the program and the closing of a window lead to, decided from the state
 // alone so that every combination can be checked without a tray or a window.
@@ -45,5 +48,11 @@ enum class Window { onboarding, settings };
 // Whether the program still shows a window of its own in the taskbar once `closing` has closed: only
 // while the other of the two windows is open.
 bool windowStaysOpen(Window closing, bool onboardingVisible, bool settingsVisible);
+
+// The Qt platform to force before the application starts, or nothing. A Wayland session gives no window a
+// way to stay on top or place itself, so the program runs through XWayland when it can, unless the user
+// chose a platform.
+std::optional<QByteArray> forcedPlatform(const QByteArray& sessionType, const QByteArray& display,
+                                         const QByteArray& chosenPlatform);
 
 }  // namespace ShellRules

@@ -68,6 +68,27 @@ private slots:
         QVERIFY(ShellRules::windowStaysOpen(Window::onboarding, true, true));
         QVERIFY(!ShellRules::windowStaysOpen(Window::onboarding, true, false));
     }
+
+    void waylandSessionsRunThroughXWaylandUnlessTheUserChoseAPlatform_data() {
+        QTest::addColumn<QByteArray>("session");
+        QTest::addColumn<QByteArray>("display");
+        QTest::addColumn<QByteArray>("chosen");
+        QTest::addColumn<QByteArray>("forced");
+        QTest::newRow("wayland with XWayland") << QByteArray("wayland") << QByteArray(":0") << QByteArray()
+                                               << QByteArray("xcb");
+        QTest::newRow("wayland, platform chosen") << QByteArray("wayland") << QByteArray(":0")
+                                                  << QByteArray("wayland") << QByteArray();
+        QTest::newRow("wayland without XWayland") << QByteArray("wayland") << QByteArray() << QByteArray()
+                                                  << QByteArray();
+        QTest::newRow("x11 session") << QByteArray("x11") << QByteArray(":0") << QByteArray() << QByteArray();
+    }
+    void waylandSessionsRunThroughXWaylandUnlessTheUserChoseAPlatform() {
+        QFETCH(QByteArray, session);
+        QFETCH(QByteArray, display);
+        QFETCH(QByteArray, chosen);
+        QFETCH(QByteArray, forced);
+        QCOMPARE(ShellRules::forcedPlatform(session, display, chosen).value_or(QByteArray()), forced);
+    }
 };
 
 QTEST_APPLESS_MAIN(TestShellRules)
