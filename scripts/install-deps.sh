@@ -9,6 +9,8 @@ packages=(
     qt6-base-dev qt6-websockets-dev qtkeychain-qt6-dev libpulse-dev libsoxr-dev libsndfile1-dev
     libpoppler-cpp-dev libmd4c-dev libzip-dev libx11-dev libcpp-httplib-dev libcurl4-openssl-dev libsqlite3-dev
     libssl-dev nlohmann-json3-dev qt6-svg-dev libxcb1-dev
+    # the server's shared store, and the private database its tests start
+    libpq-dev postgresql
     # tests and benchmarks
     libgtest-dev libbenchmark-dev
     # services the tests start: a session bus with a keyring, an audio server, a display
@@ -17,6 +19,8 @@ packages=(
     libxtst-dev xdotool xcompmgr x11-utils
     # used by the scripts
     curl python3 procps
+    # the server benchmark's outside HTTP client
+    wrk
 )
 
 missing=()
