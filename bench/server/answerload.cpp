@@ -3,8 +3,9 @@
 //
 //   server_answer_load model PORT PIECES INTERVAL_MS
 //       serves /v1/chat/completions on 127.0.0.1:PORT: PIECES deltas, INTERVAL_MS apart
-//   server_answer_load load URL TOKEN CLIENTS SECONDS
-//       CLIENTS threads ask for answers back to back for SECONDS; prints the figures
+//   server_answer_load load URL[,URL...] TOKEN CLIENTS SECONDS
+//       CLIENTS threads ask for answers back to back for SECONDS, each on one kept-alive connection to
+//       one of the servers in turn; prints the figures
 
 #include <httplib.h>
 #include <sys/socket.h>
@@ -73,7 +74,18 @@ double percentile(std::vector<double> values, double p) {
     return values[index];
 }
 
-int runLoad(const std::string& url, const std::string& token, int clients, int seconds) {
+std::vector<std::string> split(const std::string& list) {
+    std::vector<std::string> parts;
+    std::size_t start = 0;
+    while (start <= list.size()) {
+        const auto comma = std::min(list.find(',', start), list.size());
+        parts.push_back(list.substr(start, comma - start));
+        start = comma + 1;
+    }
+    return parts;
+}
+
+int runLoad(const std::vector<std::string>& urls, const std::string& token, int clients, int seconds) {
     const std::string body =
         R"({"question":"Tell me about a project you are proud of.","transcript":[)"
         R"({"speaker":"interviewer","text":"Thanks for coming in."}],)"
@@ -88,9 +100,11 @@ int runLoad(const std::string& url, const std::string& token, int clients, int s
 
     std::vector<std::thread> threads;
     for (int i = 0; i < clients; ++i) {
-        threads.emplace_back([&] {
+        threads.emplace_back([&, url = urls[static_cast<std::size_t>(i) % urls.size()]] {
             httplib::Client client(url);
             client.set_read_timeout(120, 0);
+            // As the program does: every answer after the first reuses the connection.
+            client.set_keep_alive(true);
             while (Clock::now() < end) {
                 httplib::Request request;
                 request.method = "POST";
@@ -136,7 +150,7 @@ int runLoad(const std::string& url, const std::string& token, int clients, int s
         first.push_back(sample.firstPieceMs);
         total.push_back(sample.totalMs);
     }
-    std::printf("clients %d, %.1f s: %zu answers complete, %d failed, %.1f answers/s\n", clients, elapsed,
+    std::printf("%zu servers, clients %d, %.1f s: %zu answers complete, %d failed, %.1f answers/s\n", urls.size(), clients, elapsed,
                 samples.size(), failures.load(), static_cast<double>(samples.size()) / elapsed);
     std::printf("time to first piece: p50 %.1f ms, p95 %.1f ms, max %.1f ms\n", percentile(first, 0.5),
                 percentile(first, 0.95), percentile(first, 1.0));
@@ -153,11 +167,11 @@ int main(int argc, char** argv) {
         return serveModel(std::atoi(args[1].c_str()), std::atoi(args[2].c_str()), std::atoi(args[3].c_str()));
     }
     if (args.size() == 5 && args[0] == "load") {
-        return runLoad(args[1], args[2], std::atoi(args[3].c_str()), std::atoi(args[4].c_str()));
+        return runLoad(split(args[1]), args[2], std::atoi(args[3].c_str()), std::atoi(args[4].c_str()));
     }
     std::fputs(
         "usage: server_answer_load model PORT PIECES INTERVAL_MS\n"
-        "       server_answer_load load URL TOKEN CLIENTS SECONDS\n",
+        "       server_answer_load load URL[,URL...] TOKEN CLIENTS SECONDS\n",
         stderr);
     return 2;
 }
