@@ -1,11 +1,14 @@
 #include "testhttpserver.h"
 
-#include <QPointer>
 #include <QTcpServer>
 #include <QTcpSocket>
 #include <QTimer>
 
-struct TestHttpServer::Connection {
+// Owned by its socket, so that the record and the socket end together whichever of them Qt deletes
+// first: the server's own teardown, or the deferred delete after a hang-up.
+struct TestHttpServer::Connection : QObject {
+    explicit Connection(QTcpSocket* socket) : QObject(socket), socket(socket) {}
+
     QTcpSocket* socket = nullptr;
     QByteArray buffer;
     Response response;
@@ -32,9 +35,10 @@ TestHttpServer::TestHttpServer(QObject* parent) : QObject(parent), server_(new Q
 }
 
 TestHttpServer::~TestHttpServer() {
-    // Sockets go with this object; their signals must not reach connections that are gone.
-    for (const auto& connection : connections_) {
-        connection->socket->disconnect(this);
+    // A socket still open says it disconnected from inside its destructor; no slot may hear that from a
+    // server that is half gone.
+    for (QTcpSocket* socket : findChildren<QTcpSocket*>(Qt::FindDirectChildrenOnly)) {
+        socket->disconnect();
     }
 }
 
@@ -60,22 +64,17 @@ void TestHttpServer::respondWith(const Response& response) {
 
 void TestHttpServer::accept() {
     while (QTcpSocket* socket = server_->nextPendingConnection()) {
-        connections_.push_back(std::make_unique<Connection>(Connection{socket, {}, {}, 0, false, false}));
-        Connection* connection = connections_.back().get();
         socket->setParent(this);
-        connect(socket, &QTcpSocket::readyRead, this, [this, connection] { readFrom(connection); });
-        connect(socket, &QTcpSocket::disconnected, this, [this, connection] {
+        auto* connection = new Connection(socket);
+        // Slots run in the record's context: once it is gone, nothing more reaches it.
+        connect(socket, &QTcpSocket::readyRead, connection, [this, connection] { readFrom(connection); });
+        connect(socket, &QTcpSocket::disconnected, connection, [this, connection] {
             if (connection->responding) {
                 connection->responding = false;
                 ++abandoned_;
                 emit responseAbandoned();
             }
             connection->socket->deleteLater();
-            // The connection's timers hold it weakly through the socket; once that is gone they stop.
-            QTimer::singleShot(0, this, [this, connection] {
-                std::erase_if(connections_,
-                              [connection](const auto& owned) { return owned.get() == connection; });
-            });
         });
     }
 }
@@ -131,14 +130,13 @@ void TestHttpServer::readFrom(Connection* connection) {
 }
 
 void TestHttpServer::sendNextPiece(Connection* connection) {
-    QPointer<QTcpSocket> socket = connection->socket;
     const Response& response = connection->response;
     while (connection->nextPiece < response.pieces.size()) {
         const Piece& piece = response.pieces[connection->nextPiece];
         if (piece.delayMs > 0 && !connection->waited) {
             connection->waited = true;
-            QTimer::singleShot(piece.delayMs, this, [this, socket, connection] {
-                if (socket && connection->responding) {
+            QTimer::singleShot(piece.delayMs, connection, [this, connection] {
+                if (connection->responding) {
                     sendNextPiece(connection);
                 }
             });

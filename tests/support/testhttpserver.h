@@ -8,8 +8,6 @@
 #include <QUrl>
 
 #include <functional>
-#include <memory>
-#include <vector>
 
 class QTcpServer;
 class QTcpSocket;
@@ -84,5 +82,4 @@ private:
     Handler handler_;
     QList<Received> received_;
     int abandoned_ = 0;
-    std::vector<std::unique_ptr<Connection>> connections_;
 };
