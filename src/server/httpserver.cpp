@@ -10,6 +10,8 @@
 #include <httplib.h>
 #include <nlohmann/json.hpp>
 
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <sys/socket.h>
 
 #include <cmath>
@@ -154,13 +156,21 @@ private:
     bool failed_ = false;
 };
 
+std::unique_ptr<Store> openStore(const ServerConfig& config) {
+    if (config.databaseUrl.empty()) {
+        return openSqliteStore((std::filesystem::path(config.dataDir) / "tallowind.sqlite3").string());
+    }
+    // A thread holds at most one connection at a time, so no request ever waits for one.
+    return openPostgresStore(config.databaseUrl, config.threads);
+}
+
 }  // namespace
 
 struct HttpServer::Private {
     Private(const ServerConfig& config, Clock clock, std::unique_ptr<Mailer> mailer)
         : config(config)
         , clock(std::move(clock))
-        , store(openSqliteStore((std::filesystem::path(config.dataDir) / "tallowind.sqlite3").string()))
+        , store(openStore(config))
         , mailer(mailer                   ? std::move(mailer)
                  : config.smtpUrl.empty() ? nullptr
                                           : makeSmtpMailer({config.smtpUrl, config.smtpUser,
@@ -236,6 +246,21 @@ void HttpServer::Private::routes() {
         setsockopt(socket, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
         listenSocket = socket;
     });
+    // A response leaves in several writes (headers, body, chunks). With Nagle's algorithm on, every write
+    // after the first waits for the client's acknowledgement, which a client on a kept-alive connection
+    // delays by up to 40 ms. Accepted sockets inherit the option from the listening one.
+    http.set_tcp_nodelay(true);
+    // HTTP gives a request without Content-Length or Transfer-Encoding an empty body, and tools send a
+    // bodiless POST that way; httplib would instead wait for the connection to close and answer 400.
+    http.set_pre_routing_handler([](const httplib::Request& req, httplib::Response&) {
+        if ((req.method == "POST" || req.method == "PUT" || req.method == "PATCH" ||
+             req.method == "DELETE") &&
+            !req.has_header("Content-Length") && !req.has_header("Transfer-Encoding")) {
+            // httplib hands the handler a const view of the request that it owns and reads next.
+            const_cast<httplib::Request&>(req).set_header("Content-Length", "0");
+        }
+        return httplib::Server::HandlerResponse::Unhandled;
+    });
     http.set_payload_max_length(config.maxBodyBytes);
     // Refusals that httplib makes itself (unknown path, oversized body, unreadable request) get the same
     // {"error"} body as ours, so the client shows a sentence instead of a bare status.
@@ -261,14 +286,25 @@ void HttpServer::Private::routes() {
     http.set_exception_handler([](const httplib::Request& req, httplib::Response& res,
                                   std::exception_ptr failure) {
         std::string what = "unknown exception";
+        bool unavailable = false;
         try {
             std::rethrow_exception(failure);
+        } catch (const StoreUnavailable& exception) {
+            what = exception.what();
+            unavailable = true;
         } catch (const std::exception& exception) {
             what = exception.what();
         } catch (...) {
         }
         std::fprintf(stderr, "tallowind-server: %s %s failed: %s\n", req.method.c_str(), req.path.c_str(),
                      what.c_str());
+        if (unavailable) {
+            sendJson(res, 503,
+                     {{"error",
+                       "The Tallowind server can't reach its database right now. Try again in a "
+                       "moment."}});
+            return;
+        }
         sendJson(res, 500, {{"error", "The Tallowind server hit an internal error. Try again in a moment."}});
     });
 }

@@ -5,6 +5,7 @@
 #include <csignal>
 #include <cstdio>
 #include <exception>
+#include <string>
 #include <thread>
 
 int main(int argc, char** argv) {
@@ -35,9 +36,11 @@ int main(int argc, char** argv) {
                 config.host.c_str(), config.port);
             return 1;
         }
-        std::fprintf(stderr, "tallowind-server: listening on http://%s:%d, data in %s%s%s\n",
-                     config.host.c_str(), port, config.dataDir.c_str(),
-                     config.devMode ? ", development mode (codes in responses)" : "",
+        const std::string data = config.databaseUrl.empty()
+                                     ? "data in " + config.dataDir
+                                     : "database " + server::redactedDatabaseUrl(config.databaseUrl);
+        std::fprintf(stderr, "tallowind-server: listening on http://%s:%d, %s%s%s\n", config.host.c_str(),
+                     port, data.c_str(), config.devMode ? ", development mode (codes in responses)" : "",
                      config.llmUrl.empty() ? ", offline answers" : "");
         std::thread waiter([&] {
             int signal = 0;

@@ -2,7 +2,7 @@
 
 namespace server {
 
-bool RateLimiter::allow(const std::string& key, TimePoint now) {
+bool MemoryRateLimiter::allow(const std::string& key, TimePoint now) {
     std::lock_guard lock(mutex_);
     forgetIdle(now);
     auto& times = events_[key];
@@ -18,7 +18,7 @@ bool RateLimiter::allow(const std::string& key, TimePoint now) {
 
 // Keys whose last event left the window are dropped once per window, so a stream of one-off addresses
 // does not grow the map without bound.
-void RateLimiter::forgetIdle(TimePoint now) {
+void MemoryRateLimiter::forgetIdle(TimePoint now) {
     if (now - lastSweep_ < window_) {
         return;
     }

@@ -2,6 +2,7 @@
 
 #include <arpa/inet.h>
 
+#include <algorithm>
 #include <charconv>
 #include <cstdlib>
 
@@ -68,6 +69,14 @@ std::optional<std::string> setListen(ServerConfig& config, const std::string& va
     return std::nullopt;
 }
 
+std::optional<std::string> setDatabase(ServerConfig& config, const std::string& value) {
+    if (!value.empty() && !value.starts_with("postgresql://") && !value.starts_with("postgres://")) {
+        return "expects a PostgreSQL address, such as postgresql://tallowind@db.example.org/tallowind";
+    }
+    config.databaseUrl = value;
+    return std::nullopt;
+}
+
 std::optional<std::string> setSwitch(ServerConfig& config, const std::string& value) {
     if (value == "1" || value == "true" || value == "yes" || value == "on") {
         config.devMode = true;
@@ -94,6 +103,10 @@ const std::vector<Option>& options() {
          setListen},
         {"--data", "TALLOWIND_SERVER_DATA", "DIR",
          "folder of the database (default $XDG_DATA_HOME/tallowind-server)", text(&ServerConfig::dataDir)},
+        {"--database", "TALLOWIND_SERVER_DATABASE", "URL",
+         "PostgreSQL database that several servers share, postgresql://USER@HOST/NAME "
+         "(default: none, SQLite in the data folder)",
+         setDatabase},
         {"--dev", "TALLOWIND_SERVER_DEV", nullptr,
          "development mode: sign-in codes come back in the response instead of by e-mail; loopback only",
          setSwitch},
@@ -169,6 +182,26 @@ Environment processEnvironment() {
         const char* value = std::getenv(name.c_str());
         return value ? std::optional<std::string>(value) : std::nullopt;
     };
+}
+
+std::string redactedDatabaseUrl(const std::string& url) {
+    const auto scheme = url.find("://");
+    if (scheme == std::string::npos) {
+        return url;
+    }
+    const auto hostStart = scheme + 3;
+    // The query may carry a password too; the rest of the address says enough.
+    const std::string withoutQuery = url.substr(0, url.find('?'));
+    const auto authorityEnd = std::min(withoutQuery.find('/', hostStart), withoutQuery.size());
+    const auto at = withoutQuery.rfind('@', authorityEnd);
+    if (at == std::string::npos || at < hostStart) {
+        return withoutQuery;
+    }
+    const auto colon = withoutQuery.find(':', hostStart);
+    if (colon == std::string::npos || colon > at) {
+        return withoutQuery;
+    }
+    return withoutQuery.substr(0, colon) + withoutQuery.substr(at);
 }
 
 bool isLoopbackHost(const std::string& host) {

@@ -16,6 +16,7 @@ struct ServerConfig {
     std::string host = "127.0.0.1";
     int port = 8787;  // 0: any free port (tests)
     std::string dataDir;
+    std::string databaseUrl;  // empty: SQLite in the data folder
     bool devMode = false;
     long long minutesLimit = 600;
 
@@ -52,6 +53,9 @@ Environment processEnvironment();
 
 std::variant<ServerConfig, ConfigExit> parseServerConfig(const std::vector<std::string>& arguments,
                                                          const Environment& environment);
+
+// The database address without its password, for the log.
+std::string redactedDatabaseUrl(const std::string& url);
 
 // True for addresses that only this machine can reach.
 bool isLoopbackHost(const std::string& host);

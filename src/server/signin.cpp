@@ -38,8 +38,8 @@ SignIn::SignIn(Store& store, Mailer* mailer, Clock clock, SignInSettings setting
     , mailer_(mailer)
     , clock_(std::move(clock))
     , settings_(settings)
-    , perEmail_(settings.codesPerEmail, rateWindow)
-    , perAddress_(settings.codesPerAddress, rateWindow) {}
+    , perEmail_(store.rateLimiter("email", settings.codesPerEmail, rateWindow))
+    , perAddress_(store.rateLimiter("address", settings.codesPerAddress, rateWindow)) {}
 
 std::optional<std::string> SignIn::normalizedEmail(const std::string& email) {
     const auto begin = email.find_first_not_of(" \t\r\n");
@@ -75,7 +75,7 @@ Outcome<std::optional<std::string>> SignIn::start(const std::string& email,
                         "administrator, or start it with --dev on your own machine."};
     }
     const TimePoint now = clock_();
-    if (!perAddress_.allow(clientAddress, now) || !perEmail_.allow(*address, now)) {
+    if (!perAddress_->allow(clientAddress, now) || !perEmail_->allow(*address, now)) {
         return ApiError{429, "Too many sign-in codes were requested. Wait a few minutes and try again."};
     }
 

@@ -5,6 +5,7 @@
 #include "ratelimiter.h"
 
 #include <chrono>
+#include <memory>
 #include <optional>
 #include <string>
 
@@ -48,8 +49,8 @@ private:
     Mailer* mailer_;
     Clock clock_;
     SignInSettings settings_;
-    RateLimiter perEmail_;
-    RateLimiter perAddress_;
+    std::unique_ptr<RateLimiter> perEmail_;
+    std::unique_ptr<RateLimiter> perAddress_;
 };
 
 }  // namespace server

@@ -1,7 +1,9 @@
 #pragma once
 
 #include "clock.h"
+#include "ratelimiter.h"
 
+#include <chrono>
 #include <memory>
 #include <optional>
 #include <stdexcept>
@@ -13,6 +15,13 @@ namespace server {
 class StoreError : public std::runtime_error {
 public:
     using std::runtime_error::runtime_error;
+};
+
+// Thrown when the database server can't be reached (stopped, restarting, out of connections): the request
+// gets a 503, and the store connects again by itself on a later request.
+class StoreUnavailable : public StoreError {
+public:
+    using StoreError::StoreError;
 };
 
 // A sign-in code waiting for its address.
@@ -46,9 +55,20 @@ public:
     // Adds to the seconds of `month` ("YYYY-MM") and returns the new total.
     virtual double addUsage(const std::string& email, const std::string& month, double seconds) = 0;
     virtual double usage(const std::string& email, const std::string& month) = 0;
+
+    // A limit of `count` events per key and `window` under the name `scope`, as strict across every
+    // server that shares this store as within one.
+    virtual std::unique_ptr<RateLimiter> rateLimiter(const std::string& scope, int count,
+                                                     std::chrono::seconds window) = 0;
 };
 
 // The embedded store: one SQLite file, created with its folder when missing.
 std::unique_ptr<Store> openSqliteStore(const std::string& path);
+
+// A PostgreSQL database that several servers share, given as a libpq connection string
+// ("postgresql://user@host/db"). Holds up to `connections` connections, opened as requests need them;
+// creates or upgrades the schema before it returns. Throws StoreUnavailable when the server can't be
+// reached, StoreError when the schema can't be set up.
+std::unique_ptr<Store> openPostgresStore(const std::string& url, int connections);
 
 }  // namespace server

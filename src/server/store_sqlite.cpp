@@ -226,6 +226,12 @@ public:
         return query.step() ? query.real(0) : 0.0;
     }
 
+    // One process owns the file, so its limits can live in memory.
+    std::unique_ptr<RateLimiter> rateLimiter(const std::string&, int count,
+                                             std::chrono::seconds window) override {
+        return std::make_unique<MemoryRateLimiter>(count, window);
+    }
+
 private:
     void execute(const char* sql) {
         char* message = nullptr;

@@ -1,5 +1,7 @@
 #include "runningserver.h"
 
+#include "postgrescluster.h"
+
 #include <QRegularExpression>
 
 void MailOutbox::add(Message message) {
@@ -50,6 +52,14 @@ RunningServer::RunningServer(server::ServerConfig config) : config_(std::move(co
     config_.port = 0;
     if (config_.dataDir.empty()) {
         config_.dataDir = dataDir_.path().toStdString();
+    }
+    // The same tests, run a second time against a fresh PostgreSQL database each.
+    if (config_.databaseUrl.empty() && qgetenv("TALLOWIND_TEST_STORE") == "postgresql") {
+        auto& cluster = PostgresCluster::shared();
+        config_.databaseUrl = cluster.isUp() ? cluster.newDatabase() : std::string();
+        if (config_.databaseUrl.empty()) {
+            qFatal("No PostgreSQL for the tests: %s", qPrintable(cluster.failure()));
+        }
     }
     start();
 }

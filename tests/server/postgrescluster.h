@@ -1,0 +1,42 @@
+#pragma once
+
+#include <QString>
+#include <QStringList>
+#include <QTemporaryDir>
+
+#include <string>
+
+// A PostgreSQL server of the test's own: a new cluster in a temporary folder, reachable only through a
+// Unix socket in that folder, with password-less access for its one user. PostgreSQL refuses to run as
+// root, so when the tests do, the cluster belongs to the unprivileged user "nobody".
+class PostgresCluster {
+public:
+    PostgresCluster();
+    ~PostgresCluster();
+    PostgresCluster(const PostgresCluster&) = delete;
+    PostgresCluster& operator=(const PostgresCluster&) = delete;
+
+    // One cluster for the whole test process, started on first use.
+    static PostgresCluster& shared();
+
+    bool isUp() const { return up_; }
+    // What went wrong when the cluster is not up.
+    QString failure() const { return failure_; }
+
+    // Creates an empty database and returns its address for `--database`.
+    std::string newDatabase();
+    std::string url(const QString& database) const;
+
+    // Stops the server as an administrator would (open connections are ended), and starts it again.
+    bool stop();
+    bool start();
+
+private:
+    bool run(const QString& tool, const QStringList& arguments);
+
+    QTemporaryDir dir_;
+    QString binaries_;
+    QString failure_;
+    bool up_ = false;
+    int databases_ = 0;
+};
