@@ -16,3 +16,12 @@ public:
     // The sound server of this desktop session.
     static std::unique_ptr<MicrophoneAccess> pulse();
 };
+
+// The default devices the sound server names: an input (the microphone) and an output (whose monitor
+// carries the call). Both false when no server answers. Blocks for up to a few seconds, so it belongs on
+// a worker thread.
+struct SoundServerDefaults {
+    bool source = false;
+    bool sink = false;
+};
+SoundServerDefaults querySoundServerDefaults();

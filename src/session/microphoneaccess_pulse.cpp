@@ -8,8 +8,6 @@
 #include <pulse/introspect.h>
 #include <pulse/mainloop.h>
 
-#include <string>
-
 namespace {
 
 // An unreachable or wedged server must not leave the question open for long.
@@ -31,36 +29,39 @@ bool iterateUntil(pa_mainloop* loop, const QDeadlineTimer& deadline, Done done) 
     return true;
 }
 
-// Blocking; runs on a worker thread. True when the server names a default source.
-bool serverHasDefaultSource() {
+}  // namespace
+
+SoundServerDefaults querySoundServerDefaults() {
     const QDeadlineTimer deadline(answerBoundMs);
     pa_mainloop* loop = pa_mainloop_new();
     if (!loop) {
-        return false;
+        return {};
     }
     pa_context* context = pa_context_new(pa_mainloop_get_api(loop), "Tallowind");
-    bool found = false;
+    SoundServerDefaults found;
     if (context && pa_context_connect(context, nullptr, PA_CONTEXT_NOAUTOSPAWN, nullptr) >= 0) {
         const auto settled = [context] {
             const pa_context_state_t state = pa_context_get_state(context);
             return state == PA_CONTEXT_READY || !PA_CONTEXT_IS_GOOD(state);
         };
         if (iterateUntil(loop, deadline, settled) && pa_context_get_state(context) == PA_CONTEXT_READY) {
-            std::string source;
+            SoundServerDefaults named;
             pa_operation* query = pa_context_get_server_info(
                 context,
                 [](pa_context*, const pa_server_info* info, void* user) {
-                    if (info && info->default_source_name) {
-                        *static_cast<std::string*>(user) = info->default_source_name;
-                    }
+                    auto* named = static_cast<SoundServerDefaults*>(user);
+                    named->source = info && info->default_source_name && *info->default_source_name;
+                    named->sink = info && info->default_sink_name && *info->default_sink_name;
                 },
-                &source);
+                &named);
             if (query) {
                 const bool answered = iterateUntil(loop, deadline, [query] {
                     return pa_operation_get_state(query) != PA_OPERATION_RUNNING;
                 });
                 pa_operation_unref(query);
-                found = answered && !source.empty();
+                if (answered) {
+                    found = named;
+                }
             }
         }
         pa_context_disconnect(context);
@@ -72,13 +73,15 @@ bool serverHasDefaultSource() {
     return found;
 }
 
+namespace {
+
 class PulseMicrophoneAccess : public MicrophoneAccess {
 public:
     void request(std::function<void(bool granted)> answer) override {
         // The answer is dropped when this object is gone by the time it arrives.
         std::weak_ptr<int> alive = alive_;
         QThreadPool::globalInstance()->start([alive, answer = std::move(answer)] {
-            const bool granted = serverHasDefaultSource();
+            const bool granted = querySoundServerDefaults().source;
             QMetaObject::invokeMethod(
                 QCoreApplication::instance(),
                 [alive, answer, granted] {
