@@ -21,12 +21,12 @@ const QString executableInBundle = QStringLiteral("bin/tallowind");
 namespace InstallSteps {
 
 std::optional<QString> bundleOf(const QString& executablePath) {
-    const QDir binary = QFileInfo(executablePath).absoluteDir();
-    QDir bundle = binary;
-    if (binary.dirName() != QLatin1String("bin") || !bundle.cdUp() || bundle.dirName() != bundleName) {
+    const QFileInfo binary(QFileInfo(executablePath).absolutePath());
+    const QFileInfo bundle(binary.path());
+    if (binary.fileName() != QLatin1String("bin") || bundle.fileName() != bundleName) {
         return std::nullopt;
     }
-    return bundle.absolutePath();
+    return bundle.filePath();
 }
 
 QString shellQuoted(const QString& text) {
@@ -54,6 +54,11 @@ Result<QString> unpack(const QByteArray& archive, const QString& expectedSha256,
         return BackendError::server(QStringLiteral("The download was damaged. Try again later."));
     }
 
+    // Qt answers an empty temporary folder when TMPDIR names one that does not exist; a relative work
+    // folder would land wherever the program was started.
+    if (!QDir::isAbsolutePath(temporaryRoot)) {
+        return Failure::other(QStringLiteral("The temporary folder doesn't exist."));
+    }
     const QString workDirectory = QDir(temporaryRoot)
                                       .filePath(QStringLiteral("tallowind-update-") +
                                                 QUuid::createUuid().toString(QUuid::WithoutBraces).toUpper());

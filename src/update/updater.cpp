@@ -6,6 +6,7 @@
 
 #include <QCoreApplication>
 #include <QDir>
+#include <QFileInfo>
 #include <QFuture>
 #include <QNetworkAccessManager>
 #include <QNetworkReply>
@@ -228,6 +229,8 @@ void Updater::finishInstall(const QString& workDirectory) {
     QProcess shell;
     shell.setProgram(QStringLiteral("/bin/sh"));
     shell.setArguments({QStringLiteral("-c"), script});
+    // Not the folder the program was started from, which may be the bundle that is about to go.
+    shell.setWorkingDirectory(QFileInfo(workDirectory).path());
     if (!shell.startDetached()) {
         failInstall(Failure::other(shell.errorString()));
         return;
