@@ -219,6 +219,13 @@ private slots:
         const std::string token = signInOn(0);
         QCOMPARE(httpCall(port(1), "GET", "/me", token).status, 200);
 
+        // A restart between requests costs none: the connections it closed are not used again.
+        QVERIFY2(cluster_.stop(), qPrintable(cluster_.failure()));
+        QVERIFY2(cluster_.start(), qPrintable(cluster_.failure()));
+        for (int server = 0; server < 2; ++server) {
+            QCOMPARE(httpCall(port(server), "GET", "/me", token).status, 200);
+        }
+
         QVERIFY2(cluster_.stop(), qPrintable(cluster_.failure()));
         for (int server = 0; server < 2; ++server) {
             for (const auto& [method, path, body] :
