@@ -104,14 +104,18 @@ start_servers() {
         python3 -c 'import json, sys; print(json.load(sys.stdin)["token"])')
 }
 
+# Stops the servers and shows the failures they logged, counted.
 stop_servers() {
     for pid in "${server_pids[@]}"; do
         kill "$pid"
         wait "$pid" 2>/dev/null || true
     done
+    grep -h " failed: " "$work"/server-*.log | sed 's/^tallowind-server: //' | sort | uniq -c | sort -rn | head -5 || true
+    rm -f "$work"/server-*.log
 }
 
-# wrk against every server at once, the connections split between them; prints one line of figures.
+# wrk against every server at once, the connections split between them, for SECONDS_EACH or the fifth
+# argument's seconds; prints one line of figures.
 cat >"$work/request.lua" <<'LUA'
 wrk.method = os.getenv("METHOD")
 wrk.headers["Authorization"] = "Bearer " .. os.getenv("TOKEN")
@@ -120,17 +124,17 @@ if os.getenv("BODY") ~= "" then
     wrk.body = os.getenv("BODY")
 end
 function done(summary, latency, requests)
-    io.write(string.format("figures %d %d %d %d %d\n", summary.requests, summary.duration,
-        summary.errors.status + summary.errors.connect + summary.errors.read + summary.errors.write +
-        summary.errors.timeout, latency:percentile(50), latency:percentile(99)))
+    local e = summary.errors
+    io.write(string.format("figures %d %d %d %d %d %d %d\n", summary.requests, summary.duration, e.status,
+        e.connect + e.read + e.write, e.timeout, latency:percentile(50), latency:percentile(99)))
 end
 LUA
 measure_wrk() {
-    local label=$1 method=$2 path=$3 body=$4
+    local label=$1 method=$2 path=$3 body=$4 duration=${5:-$seconds}
     local urls=(${server_urls//,/ })
     local each=$((clients / ${#urls[@]})) runs=()
     for url in "${urls[@]}"; do
-        METHOD=$method TOKEN=$token BODY=$body wrk -t2 -c"$each" -d"${seconds}s" -s "$work/request.lua" "$url$path" \
+        METHOD=$method TOKEN=$token BODY=$body wrk -t2 -c"$each" -d"${duration}s" -s "$work/request.lua" "$url$path" \
             >"$work/wrk-${#runs[@]}.out" &
         runs+=("$!")
     done
@@ -142,9 +146,9 @@ import sys
 rows = [list(map(int, line.split()[1:])) for line in sys.stdin if line.startswith("figures ")]
 requests = sum(r[0] for r in rows)
 seconds = max(r[1] for r in rows) / 1e6
-errors = sum(r[2] for r in rows)
-print(f"'"$label"': {requests / seconds:8.0f} requests/s, {errors} errors, "
-      f"p50 {max(r[3] for r in rows) / 1000:.2f} ms, p99 {max(r[4] for r in rows) / 1000:.2f} ms")'
+refused, broken, late = (sum(r[i] for r in rows) for i in (2, 3, 4))
+print(f"'"$label"': {requests / seconds:8.0f} requests/s, p50 {max(r[5] for r in rows) / 1000:.2f} ms, "
+      f"p99 {max(r[6] for r in rows) / 1000:.2f} ms; errors: {refused} status, {broken} socket, {late} timeout")'
     rm -f "$work"/wrk-*.out
 }
 
@@ -163,6 +167,9 @@ for setup in $setups; do
     fi
     echo "== $setup: $count server process(es), $clients clients, ${seconds} s each"
     start_servers "$setup" "$count"
+    # Each server opens its database connections as load first arrives; the figures are for the load
+    # that follows.
+    measure_wrk "warm-up              " GET /me "" 2 >/dev/null
     measure_wrk "wrk GET /me          " GET /me ""
     measure_wrk "wrk POST /answer     " POST /answer "$answer_body"
     echo "-- offline answers"
@@ -170,6 +177,7 @@ for setup in $setups; do
     stop_servers
     echo "-- fake model ($pieces pieces, $interval ms apart)"
     start_servers "$setup" "$count" --llm-url "http://127.0.0.1:$model_port/v1" --llm-model fake
+    measure_wrk "warm-up              " GET /me "" 2 >/dev/null
     "$build/bench/server/server_answer_load" load "$server_urls" "$token" "$clients" "$seconds"
     stop_servers
 done
