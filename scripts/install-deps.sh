@@ -19,6 +19,8 @@ packages=(
     libxtst-dev xdotool xcompmgr x11-utils
     # used by the scripts
     curl python3 procps
+    # the release script's archive
+    zip
     # the server benchmark's outside HTTP client
     wrk
 )

@@ -431,6 +431,7 @@ QWidget* OnboardingView::buildSignIn() {
     signInForms_->setSizePolicy(QSizePolicy::Preferred, QSizePolicy::Maximum);
     layout->addWidget(signInForms_);
     errorLabel_ = wrappedLabel(QString());
+    errorLabel_->setObjectName(QStringLiteral("signInError"));
     errorLabel_->setFont(scaled(errorLabel_->font(), calloutScale));
     errorLabel_->setTextInteractionFlags(Qt::TextSelectableByMouse);
     layout->addWidget(errorLabel_);
