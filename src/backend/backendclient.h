@@ -76,7 +76,18 @@ public:
     // Fire and forget: below one second (or not a number) nothing is sent, and every failure is swallowed.
     void reportUsage(double seconds);
 
+    // The replies' readers, one per endpoint, kept apart from the requests so that any body can be fed
+    // to them directly.
     static Result<Account> decodeAccount(const QByteArray& body);
+    // The development code of /auth/start; an unreadable reply, or one without a code, means none.
+    static std::optional<QString> decodeLoginCode(const QByteArray& body);
+    struct SignIn {
+        QString token;
+        QString email;
+        friend bool operator==(const SignIn&, const SignIn&) = default;
+    };
+    static Result<SignIn> decodeSignIn(const QByteArray& body);
+    static Result<QString> decodeSpeechToken(const QByteArray& body);
 
     // Starts the request at once; the stream reports its pieces, then finishes or fails exactly once.
     // Destroying or cancelling the stream abandons the request.

@@ -22,36 +22,46 @@ Completion<QByteArray> decoded(Completion<T> done, Decode decode) {
 
 void BackendClient::startLogin(const QString& email, Completion<std::optional<QString>> done) {
     request("POST", QStringLiteral("/auth/start"), QJsonObject{{QStringLiteral("email"), email}}, false,
-            decoded(std::move(done), [](const QByteArray& body) -> Result<std::optional<QString>> {
-                // An answer without a usable code is fine: the code then only comes by e-mail.
-                auto object = JsonDecoding::object(body);
-                if (!object) {
-                    return std::optional<QString>();
-                }
-                auto code = JsonDecoding::optionalString(object.value(), QStringLiteral("devCode"));
-                return code ? code.value() : std::nullopt;
-            }));
+            decoded(std::move(done), &BackendClient::decodeLoginCode));
+}
+
+std::optional<QString> BackendClient::decodeLoginCode(const QByteArray& body) {
+    // An answer without a usable code is fine: the code then only comes by e-mail.
+    auto object = JsonDecoding::object(body);
+    if (!object) {
+        return std::nullopt;
+    }
+    auto code = JsonDecoding::optionalString(object.value(), QStringLiteral("devCode"));
+    return code ? code.value() : std::nullopt;
 }
 
 void BackendClient::verifyLogin(const QString& email, const QString& code, Completion<QString> done) {
     request("POST", QStringLiteral("/auth/verify"),
             QJsonObject{{QStringLiteral("email"), email}, {QStringLiteral("code"), code}}, false,
             decoded(std::move(done), [](const QByteArray& body) -> Result<QString> {
-                auto object = JsonDecoding::object(body);
-                if (!object) {
-                    return object.failure();
+                auto signIn = decodeSignIn(body);
+                if (!signIn) {
+                    return signIn.failure();
                 }
-                auto token = JsonDecoding::requiredString(object.value(), QStringLiteral("token"));
-                if (!token) {
-                    return token.failure();
-                }
-                auto verified = JsonDecoding::requiredString(object.value(), QStringLiteral("email"));
-                if (!verified) {
-                    return verified.failure();
-                }
-                Keychain::save(token.value());
-                return verified.value();
+                Keychain::save(signIn.value().token);
+                return signIn.value().email;
             }));
+}
+
+Result<BackendClient::SignIn> BackendClient::decodeSignIn(const QByteArray& body) {
+    auto object = JsonDecoding::object(body);
+    if (!object) {
+        return object.failure();
+    }
+    auto token = JsonDecoding::requiredString(object.value(), QStringLiteral("token"));
+    if (!token) {
+        return token.failure();
+    }
+    auto email = JsonDecoding::requiredString(object.value(), QStringLiteral("email"));
+    if (!email) {
+        return email.failure();
+    }
+    return SignIn{token.value(), email.value()};
 }
 
 void BackendClient::signOut(Completion<Done> done) {
@@ -91,13 +101,15 @@ void BackendClient::account(Completion<Account> done) {
 
 void BackendClient::speechToken(Completion<QString> done) {
     request("GET", QStringLiteral("/stt-token"), std::nullopt, true,
-            decoded(std::move(done), [](const QByteArray& body) -> Result<QString> {
-                auto object = JsonDecoding::object(body);
-                if (!object) {
-                    return object.failure();
-                }
-                return JsonDecoding::requiredString(object.value(), QStringLiteral("token"));
-            }));
+            decoded(std::move(done), &BackendClient::decodeSpeechToken));
+}
+
+Result<QString> BackendClient::decodeSpeechToken(const QByteArray& body) {
+    auto object = JsonDecoding::object(body);
+    if (!object) {
+        return object.failure();
+    }
+    return JsonDecoding::requiredString(object.value(), QStringLiteral("token"));
 }
 
 void BackendClient::reportUsage(double seconds) {
