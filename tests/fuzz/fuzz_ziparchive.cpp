@@ -1,0 +1,129 @@
+#include "fuzzinput.h"
+#include "ziparchive.h"
+
+#include <QFile>
+#include <QTemporaryDir>
+
+#include <sys/stat.h>
+#include <zip.h>
+
+#include <filesystem>
+
+namespace fs = std::filesystem;
+
+namespace {
+
+const QByteArray untouched = QByteArrayLiteral("left alone");
+
+// An archive of the entries the input describes, one after another: a kind byte (file, folder or
+// link; whether Unix modes are stored; the owner's permissions), a byte of the others' permissions, then the
+// name and the contents (a link's target), each ended by a NUL. Names go in exactly as given, so "../x" and
+// "/x" are made too.
+void buildArchive(FuzzInput& input, const QString& path) {
+    int error = 0;
+    zip_t* archive = zip_open(QFile::encodeName(path).constData(), ZIP_CREATE | ZIP_TRUNCATE, &error);
+    require(archive != nullptr, "the fuzzer can create an archive");
+    std::vector<QByteArray> contents;  // libzip reads them when the archive is closed
+    contents.reserve(64);
+    for (int entries = 0; !input.atEnd() && entries < 64; ++entries) {
+        const uint8_t kind = input.byte();
+        const mode_t permissions = mode_t((kind >> 3) & 7) << 6 | (input.byte() & 077);
+        const QByteArray name = input.until('\0');
+        contents.push_back(input.until('\0'));
+        const QByteArray& content = contents.back();
+        zip_int64_t index = -1;
+        mode_t type = S_IFREG;
+        if (kind % 3 == 1) {
+            index = zip_dir_add(archive, name.constData(), ZIP_FL_ENC_UTF_8);
+            type = S_IFDIR;
+        } else {
+            zip_source_t* source = zip_source_buffer(archive, content.constData(), content.size(), 0);
+            index = zip_file_add(archive, name.constData(), source, ZIP_FL_ENC_UTF_8);
+            if (index < 0) {
+                zip_source_free(source);
+            }
+            type = kind % 3 == 2 ? S_IFLNK : S_IFREG;
+        }
+        if (index >= 0 && (kind & 4)) {
+            zip_file_set_external_attributes(archive, zip_uint64_t(index), 0, ZIP_OPSYS_UNIX,
+                                             zip_uint32_t(type | permissions) << 16);
+        }
+    }
+    if (zip_close(archive) != 0) {
+        zip_discard(archive);
+    }
+}
+
+// Everything below `root`, links not followed.
+std::vector<fs::path> everything(const fs::path& root) {
+    std::vector<fs::path> paths;
+    for (const auto& entry :
+         fs::recursive_directory_iterator(root, fs::directory_options::skip_permission_denied)) {
+        paths.push_back(entry.path());
+    }
+    return paths;
+}
+
+bool isInside(const fs::path& path, const fs::path& folder) {
+    const std::string p = path.string();
+    const std::string f = folder.string();
+    return p == f || p.starts_with(f + "/");
+}
+
+// A folder extracted with mode 0 would keep even its own removal out.
+void makeRemovable(const fs::path& root) {
+    std::error_code ignored;
+    fs::permissions(root, fs::perms::owner_all, fs::perm_options::add, ignored);
+    for (auto it = fs::recursive_directory_iterator(root, ignored); it != fs::recursive_directory_iterator();
+         it.increment(ignored)) {
+        if (it->is_directory(ignored) && !it->is_symlink(ignored)) {
+            fs::permissions(it->path(), fs::perms::owner_all, fs::perm_options::add, ignored);
+        }
+    }
+}
+
+}  // namespace
+
+// The first byte says whether the rest is an archive as it stands or a list of entries to build one
+// from. Either way the archive is extracted into a folder of its own beside a folder it must not touch.
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    QTemporaryDir sandbox;
+    require(sandbox.isValid(), "the fuzzer has a temporary folder");
+    const fs::path root = fs::canonical(QFile::encodeName(sandbox.path()).toStdString());
+    const fs::path destination = root / "destination";
+    const fs::path outside = root / "outside";
+    fs::create_directory(destination);
+    fs::create_directory(outside);
+    QFile keep(QString::fromStdString((outside / "keep").string()));
+    require(keep.open(QIODevice::WriteOnly) && keep.write(untouched) == untouched.size(),
+            "the fuzzer writes");
+    keep.close();
+
+    FuzzInput input(data, size);
+    const QString archive = QString::fromStdString((root / "update.zip").string());
+    if (input.byte() & 1) {
+        buildArchive(input, archive);
+    } else {
+        QFile file(archive);
+        const QByteArray bytes = input.rest();
+        require(file.open(QIODevice::WriteOnly) && file.write(bytes) == bytes.size(), "the fuzzer writes");
+    }
+
+    const bool extracted = ZipArchive::extract(archive, QString::fromStdString(destination.string()));
+
+    for (const fs::path& path : everything(root)) {
+        require(isInside(path, destination) || isInside(path, outside) || path == root / "update.zip",
+                "nothing is written beside the destination");
+    }
+    require(everything(outside) == std::vector<fs::path>{outside / "keep"}, "nothing is written outside");
+    require(keep.open(QIODevice::ReadOnly) && keep.readAll() == untouched, "nothing outside is overwritten");
+    if (extracted) {
+        for (const fs::path& path : everything(destination)) {
+            std::error_code missing;
+            const fs::path resolved = fs::canonical(path, missing);
+            require(missing || isInside(resolved, destination), "no extracted link leads out of its folder");
+        }
+    }
+    makeRemovable(root);
+    return 0;
+}
