@@ -21,6 +21,8 @@ packages=(
     curl python3 procps
     # the release script's archive
     zip
+    # the release script's archive
+    zip
     # the server benchmark's outside HTTP client
     wrk
 )
