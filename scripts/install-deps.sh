@@ -21,8 +21,6 @@ packages=(
     curl python3 procps
     # the release script's archive
     zip
-    # the release script's archive
-    zip
     # the server benchmark's outside HTTP client
     wrk
 )
