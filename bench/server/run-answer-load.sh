@@ -44,7 +44,7 @@ trap cleanup EXIT
 # PostgreSQL refuses to run as root: then the cluster belongs to nobody.
 as_db_owner() {
     if [ "$(id -u)" -eq 0 ]; then
-        runuser -u nobody -- "$@"
+        PATH=$PATH:/usr/sbin:/sbin runuser -u nobody -- "$@"
     else
         "$@"
     fi

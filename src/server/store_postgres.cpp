@@ -6,6 +6,7 @@
 #include <charconv>
 #include <condition_variable>
 #include <cstring>
+#include <iterator>
 #include <mutex>
 #include <string_view>
 #include <vector>

@@ -119,8 +119,11 @@ bool PostgresCluster::run(const QString& tool, const QStringList& arguments) {
     process.setWorkingDirectory(dir_.path());
     const QString program = binaries_ + QLatin1Char('/') + tool;
     if (geteuid() == 0) {
+        // A root shell's PATH usually holds /usr/sbin, a CI runner's may not.
+        const QString runuser = QStandardPaths::findExecutable(
+            QStringLiteral("runuser"), {QStringLiteral("/usr/sbin"), QStringLiteral("/sbin")});
         process.start(
-            QStringLiteral("runuser"),
+            runuser.isEmpty() ? QStringLiteral("runuser") : runuser,
             QStringList{QStringLiteral("-u"), unprivileged, QStringLiteral("--"), program} + arguments);
     } else {
         process.start(program, arguments);
