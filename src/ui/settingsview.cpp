@@ -36,6 +36,8 @@ constexpr QSize viewSize(560, 520);
 constexpr QMargins pageMargins(20, 16, 20, 16);
 constexpr QMargins groupMargins(14, 10, 14, 10);
 constexpr int groupRadius = 8;
+constexpr int rowSpacing = 8;
+constexpr int labelGap = 24;
 constexpr int sectionGap = 14;
 constexpr int headingGap = 6;
 constexpr int resumeMinimumHeight = 140;
@@ -226,6 +228,7 @@ QWidget* SettingsView::makeBehaviourTab() {
     auto* switches = new FormGroup;
     auto* switchesLayout = new QVBoxLayout(switches);
     switchesLayout->setContentsMargins(groupMargins);
+    switchesLayout->setSpacing(rowSpacing);
     switchesLayout->addWidget(makeSwitch(QStringLiteral("Answer automatically when a question is asked"),
                                          &AppSettings::autoAnswer, &AppSettings::setAutoAnswer,
                                          &AppSettings::autoAnswerChanged));
@@ -323,13 +326,23 @@ QWidget* SettingsView::makeAccountTab() {
     auto* group = new FormGroup;
     accountForm_ = new QFormLayout(group);
     accountForm_->setContentsMargins(groupMargins);
+    accountForm_->setVerticalSpacing(rowSpacing);
+    accountForm_->setHorizontalSpacing(labelGap);
     accountForm_->setLabelAlignment(Qt::AlignLeft);
     accountForm_->setFieldGrowthPolicy(QFormLayout::AllNonFixedFieldsGrow);
-    accountForm_->addRow(QStringLiteral("Signed in as"), accountEmail_);
-    accountForm_->addRow(QStringLiteral("Listening this month"), accountMinutes_);
+    auto* signedInAs = new QLabel(QStringLiteral("Signed in as"));
+    auto* listening = new QLabel(QStringLiteral("Listening this month"));
+    auto* versionLabel = new QLabel(QStringLiteral("Version"));
+    // The label column keeps its width while rows come and go with the account's state.
+    versionLabel->setMinimumWidth(listening->sizeHint().width());
+    signedInAs->setBuddy(accountEmail_);
+    listening->setBuddy(accountMinutes_);
+    versionLabel->setBuddy(version);
+    accountForm_->addRow(signedInAs, accountEmail_);
+    accountForm_->addRow(listening, accountMinutes_);
     accountForm_->addRow(accountErrorLabel_);
     accountForm_->addRow(accountLoading_);
-    accountForm_->addRow(QStringLiteral("Version"), version);
+    accountForm_->addRow(versionLabel, version);
 
     auto* check = new QPushButton(QStringLiteral("Check for Updates"));
     connect(check, &QPushButton::clicked, this, &SettingsView::checkForUpdatesRequested);

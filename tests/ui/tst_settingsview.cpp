@@ -172,9 +172,6 @@ void SettingsViewTest::overlayFollowsTheControls_data() {
     QTest::addColumn<QVariant>("expected");
     QTest::newRow("the slider's left end makes the overlay 40 % opaque")
         << QByteArray("overlayOpacity") << int(Qt::Key_Home) << QByteArray("overlayOpacity") << QVariant(0.4);
-    QTest::newRow("paging below the left end stops at 40 %")
-        << QByteArray("overlayOpacity") << int(Qt::Key_PageDown) << QByteArray("overlayOpacity")
-        << QVariant(0.4);
     QTest::newRow("the slider's right end makes it fully opaque")
         << QByteArray("overlayOpacity") << int(Qt::Key_End) << QByteArray("overlayOpacity") << QVariant(1.0);
     QTest::newRow("click-through switched on")
