@@ -56,7 +56,8 @@ start_postgres() {
     [ -n "$pg_bin" ] || { echo "error: PostgreSQL's server is not installed (scripts/install-deps.sh installs it)" >&2; exit 1; }
     mkdir -p "$work/pg"
     [ "$(id -u)" -eq 0 ] && chown nobody "$work" "$work/pg"
-    (cd "$work/pg" && as_db_owner "$pg_bin/initdb" -D "$work/pg/data" -U tallowind --auth=trust --no-sync >/dev/null)
+    (cd "$work/pg" && as_db_owner "$pg_bin/initdb" -D "$work/pg/data" -U tallowind --auth=trust --no-sync \
+        --encoding=UTF8 --locale=C >/dev/null)
     (cd "$work/pg" && as_db_owner "$pg_bin/pg_ctl" start -D "$work/pg/data" -l "$work/pg/log" -w \
         -o "-k $work/pg -c listen_addresses='' -c max_connections=600" >/dev/null)
     (cd "$work/pg" && as_db_owner "$pg_bin/createdb" -h "$work/pg" -U tallowind bench)
