@@ -16,7 +16,7 @@ packages=(
     # services the tests start: a session bus with a keyring, an audio server, a display
     dbus dbus-x11 gnome-keyring libsecret-tools pulseaudio pulseaudio-utils espeak-ng sox xvfb
     # desktop tests and screenshots: synthetic input, a compositor, window inspection
-    libxtst-dev xdotool xcompmgr x11-utils
+    libxtst-dev xdotool xcompmgr x11-utils libxext-dev
     # used by the scripts
     curl python3 procps
     # the release script's archive
