@@ -23,7 +23,9 @@ QString SingleInstance::defaultFolder() {
     return runtime.isEmpty() ? QDir::tempPath() : runtime;
 }
 
-QString SingleInstance::socketPath() const { return QDir(folder_).filePath(name_ + QStringLiteral(".socket")); }
+QString SingleInstance::socketPath() const {
+    return QDir(folder_).filePath(name_ + QStringLiteral(".socket"));
+}
 
 bool SingleInstance::claim(int wait) {
     QDir().mkpath(folder_);

@@ -28,6 +28,8 @@ struct Shortcut {
 const std::array<Shortcut, 5>& all();
 const Shortcut& of(Action action);
 // The shown key name of `action`, for titles and tooltips.
-inline QString keys(Action action) { return of(action).keys; }
+inline QString keys(Action action) {
+    return of(action).keys;
+}
 
 }  // namespace Shortcuts

@@ -16,7 +16,8 @@ public:
     TestWebSocketServer& speech() { return speech_; }
 
     // The program's environment pointed at both, signed in with a token.
-    QProcessEnvironment environment(QProcessEnvironment base = QProcessEnvironment::systemEnvironment()) const;
+    QProcessEnvironment environment(
+        QProcessEnvironment base = QProcessEnvironment::systemEnvironment()) const;
 
     // The requests the backend received for `path`.
     QList<TestHttpServer::Received> requests(const QByteArray& path) const;

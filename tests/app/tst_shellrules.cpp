@@ -16,15 +16,12 @@ private slots:
         QTest::addColumn<Action>("accountAction");
 
         const auto titles = [](const char* listen, const char* overlay, const char* account) {
-            return QStringList{QString::fromUtf8(listen),
-                               QStringLiteral("Answer Now    Ctrl+Alt+Enter"),
-                               QString::fromUtf8(overlay),
-                               {},
-                               QStringLiteral("Settings…"),
-                               QStringLiteral("Check for Updates…"),
-                               QString::fromUtf8(account),
-                               {},
-                               QStringLiteral("Quit Tallowind")};
+            return QStringList{
+                QString::fromUtf8(listen),       QStringLiteral("Answer Now    Ctrl+Alt+Enter"),
+                QString::fromUtf8(overlay),      {},
+                QStringLiteral("Settings…"),     QStringLiteral("Check for Updates…"),
+                QString::fromUtf8(account),      {},
+                QStringLiteral("Quit Tallowind")};
         };
         QTest::newRow("idle, overlay hidden, signed out")
             << false << false << false
@@ -74,12 +71,12 @@ private slots:
         QTest::addColumn<QByteArray>("display");
         QTest::addColumn<QByteArray>("chosen");
         QTest::addColumn<QByteArray>("forced");
-        QTest::newRow("wayland with XWayland") << QByteArray("wayland") << QByteArray(":0") << QByteArray()
-                                               << QByteArray("xcb");
-        QTest::newRow("wayland, platform chosen") << QByteArray("wayland") << QByteArray(":0")
-                                                  << QByteArray("wayland") << QByteArray();
-        QTest::newRow("wayland without XWayland") << QByteArray("wayland") << QByteArray() << QByteArray()
-                                                  << QByteArray();
+        QTest::newRow("wayland with XWayland")
+            << QByteArray("wayland") << QByteArray(":0") << QByteArray() << QByteArray("xcb");
+        QTest::newRow("wayland, platform chosen")
+            << QByteArray("wayland") << QByteArray(":0") << QByteArray("wayland") << QByteArray();
+        QTest::newRow("wayland without XWayland")
+            << QByteArray("wayland") << QByteArray() << QByteArray() << QByteArray();
         QTest::newRow("x11 session") << QByteArray("x11") << QByteArray(":0") << QByteArray() << QByteArray();
     }
     void waylandSessionsRunThroughXWaylandUnlessTheUserChoseAPlatform() {
