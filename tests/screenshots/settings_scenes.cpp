@@ -51,19 +51,21 @@ public:
             std::make_unique<FakeMicrophoneAccess>(std::make_shared<FakeMicrophoneAccess::Record>());
         session_ = std::make_unique<SessionController>(std::move(parts));
 
-        auto* view =
-            new SettingsView(*settings_, *session_, [account](Completion<Account> done) { done(account); });
-        setWindowTitle(view->windowTitle());
+        view_ = std::make_unique<SettingsView>(*settings_, *session_,
+                                               [account](Completion<Account> done) { done(account); });
+        setWindowTitle(view_->windowTitle());
         auto* layout = new QVBoxLayout(this);
         layout->setContentsMargins(0, 0, 0, 0);
-        layout->addWidget(view);
-        view->findChild<QTabWidget*>()->setCurrentIndex(tab);
+        layout->addWidget(view_.get());
+        view_->findChild<QTabWidget*>()->setCurrentIndex(tab);
     }
 
 private:
     QTemporaryDir dir_;
     std::unique_ptr<AppSettings> settings_;
     std::unique_ptr<SessionController> session_;
+    // Last, so that the view goes before the settings and the session it edits.
+    std::unique_ptr<SettingsView> view_;
 };
 
 const Account alex{QStringLiteral("alex.morgan@example.org"), 42, 600};
