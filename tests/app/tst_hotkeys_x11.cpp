@@ -41,13 +41,14 @@ private slots:
         }
     }
 
-    void init() { runs_.clear(); }
-
     void ctrlAltKeysReachTheirActions_data() {
         QTest::addColumn<QByteArray>("key");
         QTest::addColumn<QByteArray>("lock");
         QTest::addColumn<QList<int>>("runs");
 
+        // First, so that the rows after it show the other four working beside the refused grab.
+        QTest::newRow("Ctrl+Alt+X, grabbed first by another client, reaches only that client")
+            << QByteArray("x") << QByteArray() << QList<int>{};
         QTest::newRow("Ctrl+Alt+K runs the fourth action")
             << QByteArray("k") << QByteArray() << QList<int>{4};
         QTest::newRow("Ctrl+Alt+K with NumLock on still runs the fourth action")
@@ -62,23 +63,19 @@ private slots:
         QFETCH(QByteArray, lock);
         QFETCH(QList<int>, runs);
 
+        runs_.clear();
         type(key, lock);
+        if (runs.isEmpty()) {
+            // The press did happen, and went to the client that holds the combination.
+            QTRY_COMPARE(otherPresses(), 1);
+        }
         QTRY_COMPARE(runs_, runs);
-    }
-
-    void aCombinationAnotherClientHoldsStaysWithThatClient() {
-        type("x");
-        QTRY_COMPARE(otherPresses(), 1);
-        // The program's own shortcuts keep working beside the refused one.
-        type("space");
-        QTRY_COMPARE(runs_, QList<int>{3});
     }
 
 private:
     // Key presses the other client has been sent so far.
     int otherPresses() {
-        XEvent event;
-        while (XCheckTypedEvent(other_, KeyPress, &event)) {
+        for (XEvent event; XCheckTypedEvent(other_, KeyPress, &event);) {
             ++otherPresses_;
         }
         return otherPresses_;
@@ -92,7 +89,7 @@ private:
     }
 
     // Ctrl+Alt+key, with a locking modifier switched on around it when one is named.
-    void type(const QByteArray& key, const QByteArray& lock = {}) {
+    void type(const QByteArray& key, const QByteArray& lock) {
         const KeyCode control = keycode("Control_L");
         const KeyCode alt = keycode("Alt_L");
         if (!lock.isEmpty()) {
