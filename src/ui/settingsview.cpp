@@ -43,7 +43,8 @@ constexpr int headingGap = 6;
 constexpr int resumeMinimumHeight = 140;
 constexpr int jobDescriptionMinimumHeight = 70;
 constexpr int instructionsMinimumHeight = 50;
-constexpr int loadingWidth = 120;
+// A thin busy bar: the account is small, so its loading should not look like a download.
+constexpr QSize loadingSize(120, 6);
 constexpr QSize tabIconSize(18, 18);
 constexpr int tabIconRenderSizes[] = {16, 24, 32, 48, 64};
 
@@ -317,7 +318,7 @@ QWidget* SettingsView::makeAccountTab() {
     accountLoading_->setAccessibleName(QStringLiteral("Loading account"));
     accountLoading_->setRange(0, 0);
     accountLoading_->setTextVisible(false);
-    accountLoading_->setFixedWidth(loadingWidth);
+    accountLoading_->setFixedSize(loadingSize);
     auto* version = new QLabel(Config::appVersion());
     for (QLabel* value : {accountEmail_, accountMinutes_, accountErrorLabel_, version}) {
         value->setTextInteractionFlags(Qt::TextSelectableByMouse);
