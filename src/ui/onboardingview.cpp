@@ -40,6 +40,7 @@ constexpr int paragraphGap = 8;
 constexpr int sectionGap = 18;
 constexpr int verifyButtonWidth = 120;
 constexpr int largeButtonHeight = 38;
+constexpr int fieldHeight = 32;
 constexpr int cardRadius = 10;
 constexpr QMargins cardMargins(14, 12, 14, 12);
 constexpr int cardIconSize = 22;
@@ -384,8 +385,10 @@ QWidget* OnboardingView::buildSignIn() {
     emailField_->setPlaceholderText(emailPlaceholder);
     emailField_->setAccessibleName(QStringLiteral("Email"));
     emailField_->setInputMethodHints(Qt::ImhEmailCharactersOnly | Qt::ImhNoAutoUppercase);
+    emailField_->setMinimumHeight(fieldHeight);
     formLayout->addWidget(emailField_);
     sendButton_ = prominentButton(QStringLiteral("Email me a code"), false);
+    sendButton_->setMinimumHeight(fieldHeight);
     formLayout->addWidget(sendButton_);
     formLayout->addStretch();
     connect(emailField_, &QLineEdit::textChanged, this, &OnboardingView::showSignIn);
@@ -413,6 +416,7 @@ QWidget* OnboardingView::buildSignIn() {
     auto* buttons = new QHBoxLayout;
     verifyButton_ = prominentButton(QStringLiteral("Continue"), false);
     verifyButton_->setFixedWidth(verifyButtonWidth);
+    verifyButton_->setMinimumHeight(fieldHeight);
     buttons->addWidget(verifyButton_);
     auto* differentEmail = new QPushButton(QStringLiteral("Use a different email"));
     differentEmail->setProperty("link", true);
