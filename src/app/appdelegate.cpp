@@ -24,6 +24,11 @@
 #include <QSystemTrayIcon>
 #include <QVBoxLayout>
 
+// Resources of a static library must be pulled in by name, from the global namespace.
+static void initShellResources() {
+    Q_INIT_RESOURCE(shellicons);
+}
+
 namespace {
 
 QPointer<AppDelegate> sharedDelegate;
@@ -105,6 +110,8 @@ AppDelegate::AppDelegate(SessionController& session, AppSettings& settings, Back
     , backend_(backend)
     , overlay_(std::make_unique<OverlayPanel>(session, settings))
     , menu_(std::make_unique<QMenu>()) {
+    initShellResources();
+    QApplication::setWindowIcon(QIcon(QStringLiteral(":/shell/app.svg")));
     menu_->setAccessibleName(QStringLiteral("Tallowind"));
     connect(menu_.get(), &QMenu::aboutToShow, this, &AppDelegate::rebuildMenu);
     connect(overlay_.get(), &OverlayPanel::clickThroughToggleRequested, this,

@@ -8,7 +8,6 @@
 #include "terminationsignals.h"
 
 #include <QApplication>
-#include <QIcon>
 
 int main(int argc, char* argv[]) {
     if (auto exitCode = CLI::runIfRequested(argc, argv)) {
@@ -21,7 +20,6 @@ int main(int argc, char* argv[]) {
     QApplication app(argc, argv);
     QApplication::setApplicationName(QStringLiteral("Tallowind"));
     QApplication::setDesktopFileName(QStringLiteral("app.tallowind.Tallowind"));
-    QApplication::setWindowIcon(QIcon(QStringLiteral(":/shell/app.svg")));
     // The program lives in the tray: closing its last window does not end it.
     QApplication::setQuitOnLastWindowClosed(false);
 
