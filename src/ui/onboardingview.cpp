@@ -63,6 +63,10 @@ constexpr double secondaryAlpha = 0.62;
 constexpr double pendingCapsuleAlpha = 0.25 * secondaryAlpha;
 constexpr double cardAlpha = 0.08;
 constexpr double editorBorderAlpha = 0.30;
+constexpr double focusBorderAlpha = 0.6;
+constexpr double focusRingAlpha = 0.55;
+constexpr double disabledButtonAlpha = 0.35;
+constexpr double disabledTitleAlpha = 0.8;
 constexpr double tipAlpha = 0.06;
 constexpr QRgb grantedGreen = qRgb(0x2e, 0xa0, 0x43);
 constexpr QRgb errorOnLight = qRgb(0xc0, 0x1c, 0x28);
@@ -500,7 +504,7 @@ QWidget* OnboardingView::buildResume() {
     resumeEditor_ = new ResumeEditor(
         [this](bool hover) {
             dropHover_ = hover;
-            applyColours();
+            showEditorBorders();
         },
         [this](const QString& path) { readDroppedFile(path); });
     resumeEditor_->setAccessibleName(QStringLiteral("Resume"));
@@ -743,14 +747,7 @@ void OnboardingView::applyColours() {
 
     const QColor accent = colours.color(QPalette::Highlight);
     const QColor text = colours.color(QPalette::WindowText);
-    const QString border = rgba(dropHover_ ? accent : withAlpha(secondary(colours), editorBorderAlpha));
-    const QString quietBorder = rgba(withAlpha(secondary(colours), editorBorderAlpha));
-    const QString editor = QStringLiteral(
-        "QPlainTextEdit { border: 1px solid %1; border-radius: %2px; padding: 4px; background: "
-        "palette(base); }"
-        "QPlainTextEdit:focus { border-color: %3; }");
-    resumeEditor_->setStyleSheet(editor.arg(border).arg(editorRadius).arg(rgba(accent)));
-    jobEditor_->setStyleSheet(editor.arg(quietBorder).arg(editorRadius).arg(rgba(accent)));
+    showEditorBorders();
 
     setStyleSheet(
         QStringLiteral(
@@ -764,8 +761,24 @@ void OnboardingView::applyColours() {
             "QPushButton[link=\"true\"]:focus { text-decoration: underline; }"
             "QLabel#tip { background-color: %8; border-radius: 8px; }")
             .arg(rgba(accent), rgba(colours.color(QPalette::HighlightedText)), rgba(accent.lighter(110)),
-                 rgba(withAlpha(text, 0.55)), rgba(withAlpha(accent, 0.35)),
-                 rgba(withAlpha(colours.color(QPalette::HighlightedText), 0.8)),
+                 rgba(withAlpha(text, focusRingAlpha)), rgba(withAlpha(accent, disabledButtonAlpha)),
+                 rgba(withAlpha(colours.color(QPalette::HighlightedText), disabledTitleAlpha)),
                  rgba(colours.color(QPalette::Link)), rgba(withAlpha(text, tipAlpha))));
     applyingColours_ = false;
+}
+
+void OnboardingView::showEditorBorders() {
+    // A file dragged over the resume draws a stronger border than the keyboard focus does.
+    const QPalette& colours = palette();
+    const QColor accent = colours.color(QPalette::Highlight);
+    const QString editor = QStringLiteral(
+        "QPlainTextEdit { border: %1px solid %2; border-radius: %3px; padding: 4px; background: "
+        "palette(base); }"
+        "QPlainTextEdit:focus { border-color: %4; }");
+    const QString quiet = rgba(withAlpha(secondary(colours), editorBorderAlpha));
+    const QString focus = rgba(withAlpha(accent, focusBorderAlpha));
+    resumeEditor_->setStyleSheet(dropHover_
+                                     ? editor.arg(2).arg(rgba(accent)).arg(editorRadius).arg(rgba(accent))
+                                     : editor.arg(1).arg(quiet).arg(editorRadius).arg(focus));
+    jobEditor_->setStyleSheet(editor.arg(1).arg(quiet).arg(editorRadius).arg(focus));
 }

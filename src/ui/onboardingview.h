@@ -75,6 +75,7 @@ private:
     void showResume();
 
     void applyColours();
+    void showEditorBorders();
 
     AppSettings& settings_;
     BackendClient& backend_;
