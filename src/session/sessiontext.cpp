@@ -1,7 +1,7 @@
 #include "sessiontext.h"
 
+#include <algorithm>
 #include <array>
-#include <ranges>
 
 namespace {
 
@@ -93,12 +93,12 @@ QString currentQuestion(const QList<TranscriptLine>& lines) {
 }
 
 QString latestInterviewerText(const QList<TranscriptLine>& lines) {
-    for (const TranscriptLine& line : std::views::reverse(lines)) {
-        if (line.speaker == Speaker::interviewer) {
-            return line.text;
-        }
-    }
-    return {};
+    // Reverse iterators rather than std::views::reverse, which clang 14 cannot use on a QList with
+    // libstdc++ 12; the fuzzing build is compiled with clang.
+    const auto newest = std::find_if(lines.crbegin(), lines.crend(), [](const TranscriptLine& line) {
+        return line.speaker == Speaker::interviewer;
+    });
+    return newest == lines.crend() ? QString() : newest->text;
 }
 
 }  // namespace SessionText
