@@ -4,9 +4,10 @@
 #
 #   bench/fuzz/run.sh SECONDS [TARGET...]   all targets, or only those named
 #
-# Each target starts from its committed seeds (tests/fuzz/corpus/TARGET) and from what earlier runs found
+# Each target starts from its committed seeds (tests/fuzz/corpus/TARGET), with its dictionary where one
+# exists (tests/fuzz/TARGET.dict), and from what earlier runs found
 # (build-fuzz/corpus/TARGET), so that the runs add up. A crash, a broken invariant, a hang or a leak
-# leaves its reproducer in build-fuzz/crashes/TARGET/; replay it with `build-fuzz/TARGET FILE`.
+# leaves its reproducer in build-fuzz/crashes/TARGET/; replay it with `build-fuzz/tests/fuzz/TARGET FILE`.
 # Every run is appended to build-fuzz/fuzz-runs.tsv; the table printed at the end counts them all.
 set -euo pipefail
 cd "$(dirname "$0")/../.."
@@ -49,10 +50,15 @@ for target in "${targets[@]}"; do
     mkdir -p "$corpus" "$crashes"
     output="$build/$target.log"
     outcome=ok
+    dictionary=()
+    if [ -f "tests/fuzz/$target.dict" ]; then
+        dictionary=(-dict="tests/fuzz/$target.dict")
+    fi
     # -timeout: one input taking longer than that is a hang; -rss_limit_mb keeps a runaway input from
     # starving the machine.
-    if ! nice -n 19 "$build/$target" -max_total_time="$seconds" -timeout=20 -rss_limit_mb=2048 \
-        -print_final_stats=1 -artifact_prefix="$crashes/" "$corpus" "tests/fuzz/corpus/$target" >"$output" 2>&1; then
+    if ! nice -n 19 "$build/tests/fuzz/$target" -max_total_time="$seconds" -timeout=20 -rss_limit_mb=2048 \
+        -print_final_stats=1 -artifact_prefix="$crashes/" "${dictionary[@]}" "$corpus" "tests/fuzz/corpus/$target" \
+        >"$output" 2>&1; then
         reproducer=$(grep -o "Test unit written to .*" "$output" | tail -1 | sed 's/Test unit written to //')
         outcome="FAILED: ${reproducer:-see $output}"
         status=1

@@ -45,9 +45,10 @@ struct Exchange {
     bool sentWhole = false;
 };
 
-// One request on a fresh loopback connection; the client's half is closed once it is sent, so a
-// request cut short ends rather than waits.
-Exchange exchange(int port, const QByteArray& request) {
+// One request on a fresh loopback connection. With `halfClose` the client's half is closed once the
+// request is sent, so that a request cut short ends at once rather than when the server's read times
+// out; the server then reads to the end but may leave its response unsent.
+Exchange exchange(int port, const QByteArray& request, bool halfClose) {
     const int socket = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     require(socket >= 0, "the fuzzer has a socket");
     sockaddr_in address{};
@@ -70,7 +71,9 @@ Exchange exchange(int port, const QByteArray& request) {
         sent += n;
     }
     result.sentWhole = sent == request.size();
-    ::shutdown(socket, SHUT_WR);
+    if (halfClose) {
+        ::shutdown(socket, SHUT_WR);
+    }
     char buffer[16 * 1024];
     for (;;) {
         const ssize_t n = ::recv(socket, buffer, sizeof buffer, 0);
@@ -85,8 +88,9 @@ Exchange exchange(int port, const QByteArray& request) {
 }
 
 QByteArray jsonRequest(const QByteArray& path, const QByteArray& body, const QByteArray& headers = {}) {
-    return "POST " + path + " HTTP/1.1\r\nHost: 127.0.0.1\r\nContent-Type: application/json\r\n" + headers +
-           "Content-Length: " + QByteArray::number(body.size()) + "\r\n\r\n" + body;
+    return "POST " + path +
+           " HTTP/1.1\r\nHost: 127.0.0.1\r\nConnection: close\r\nContent-Type: application/json\r\n" +
+           headers + "Content-Length: " + QByteArray::number(body.size()) + "\r\n\r\n" + body;
 }
 
 int status(const QByteArray& response) {
@@ -143,12 +147,16 @@ public:
     // A fresh session token for the requests that carry one.
     void signIn() {
         const QByteArray email = R"("email":"fuzz@example.org")";
-        const QByteArray started = exchange(port_, jsonRequest("/auth/start", "{" + email + "}")).response;
+        const QByteArray started =
+            exchange(port_, jsonRequest("/auth/start", "{" + email + "}"), false).response;
         const QByteArray code = field(started, "devCode");
         const QByteArray verified =
-            exchange(port_, jsonRequest("/auth/verify", "{" + email + R"(,"code":")" + code + "\"}"))
+            exchange(port_, jsonRequest("/auth/verify", "{" + email + R"(,"code":")" + code + "\"}"), false)
                 .response;
         token_ = field(verified, "token");
+        if (token_.isEmpty()) {
+            std::fprintf(stderr, "sign-in answered:\n%s\n%s\n", started.constData(), verified.constData());
+        }
         require(!token_.isEmpty(), "the fuzzer signs in");
     }
 
@@ -175,13 +183,16 @@ private:
     QByteArray token_;
 };
 
-Fixture* fixture = nullptr;
+// Made before the first input; stops the server when the process exits.
+Fixture& fixture() {
+    static Fixture instance;
+    return instance;
+}
 
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    // Lives until the process ends: libFuzzer exits without returning here.
-    fixture = new Fixture;
+    fixture();
     return 0;
 }
 
@@ -202,10 +213,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         const QByteArray pathTail = input.until('\0');
         const QByteArray headers = input.until('\0');
         const QByteArray body = input.rest();
-        request =
-            QByteArray(endpoint.method) + ' ' + endpoint.path + pathTail + " HTTP/1.1\r\nHost: 127.0.0.1\r\n";
+        // The first Connection header counts: the server closes once it has answered.
+        request = QByteArray(endpoint.method) + ' ' + endpoint.path + pathTail +
+                  " HTTP/1.1\r\nHost: 127.0.0.1\r\nConnection: close\r\n";
         if (authorized) {
-            request += "Authorization: Bearer " + fixture->token() + "\r\n";
+            request += "Authorization: Bearer " + fixture().token() + "\r\n";
         }
         request += headers;
         if (!headers.isEmpty() && !headers.endsWith('\n')) {
@@ -218,14 +230,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         signsOut = authorized && choice == 2;
     }
 
-    const Exchange answer = exchange(fixture->port(), request);
+    const Exchange answer = exchange(fixture().port(), request, !lengthIsOurs);
     const int code = status(answer.response);
     require(answer.response.isEmpty() || code != 0, "every response starts with a status line");
     require(!lengthIsOurs || !answer.sentWhole || !answer.response.isEmpty(), "a whole request is answered");
     require(code != 500, "no request makes the server fail internally");
     require(!answer.response.contains(secret), "no request reads a file outside the releases folder");
     if (signsOut) {
-        fixture->signIn();
+        fixture().signIn();
     }
     return 0;
 }
