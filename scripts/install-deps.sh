@@ -23,6 +23,8 @@ packages=(
     zip
     # the server benchmark's outside HTTP client
     wrk
+    # the fuzz targets (bench/fuzz/run.sh)
+    clang
 )
 
 missing=()
