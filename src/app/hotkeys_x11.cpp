@@ -91,14 +91,20 @@ public:
         // of first.
         if (type == XCB_KEY_RELEASE) {
             held_.remove(key->detail);
+            releasedAt_.insert(key->detail, key->time);
             return true;
         }
         if ((key->state & coreModifiers & ~(numLock_ | LockMask)) != shortcutModifiers) {
             return false;
         }
-        // A held key repeats its press; the actions are toggles, so only the first press of a hold counts.
-        if (!held_.contains(key->detail)) {
-            held_.insert(key->detail);
+        // A held key repeats: as further presses, or, unless the connection asked for detectable
+        // autorepeat, as a release and a press with the same time. The actions are toggles, so only the
+        // first press of a hold counts.
+        const auto released = releasedAt_.constFind(key->detail);
+        const bool repeat =
+            held_.contains(key->detail) || (released != releasedAt_.cend() && *released == key->time);
+        held_.insert(key->detail);
+        if (!repeat) {
             emit pressed(*id);
         }
         return true;
@@ -133,6 +139,7 @@ private:
     QList<unsigned> lockVariants_;
     QHash<KeyCode, quint32> ids_;
     QSet<KeyCode> held_;
+    QHash<KeyCode, xcb_timestamp_t> releasedAt_;
 };
 
 }  // namespace

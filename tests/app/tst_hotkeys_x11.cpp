@@ -4,6 +4,7 @@
 
 #include <QGuiApplication>
 #include <QTest>
+#include <QThread>
 
 #include <X11/Xlib.h>
 #include <X11/extensions/XTest.h>
@@ -72,6 +73,15 @@ private slots:
         QTRY_COMPARE(runs_, runs);
     }
 
+    void holdingACombinationRunsItsActionOnce() {
+        runs_.clear();
+        // Held past the server's autorepeat delay (660 ms unless set otherwise), the key repeats.
+        type("space", {}, 1200);
+        QTRY_COMPARE(runs_, QList<int>{3});
+        QTest::qWait(200);
+        QCOMPARE(runs_, QList<int>{3});
+    }
+
 private:
     // Key presses the other client has been sent so far.
     int otherPresses() {
@@ -88,8 +98,9 @@ private:
         XTestFakeKeyEvent(other_, code, False, CurrentTime);
     }
 
-    // Ctrl+Alt+key, with a locking modifier switched on around it when one is named.
-    void type(const QByteArray& key, const QByteArray& lock) {
+    // Ctrl+Alt+key, with a locking modifier switched on around it when one is named, the key held down
+    // for `holdMs`.
+    void type(const QByteArray& key, const QByteArray& lock, unsigned long holdMs = 0) {
         const KeyCode control = keycode("Control_L");
         const KeyCode alt = keycode("Alt_L");
         if (!lock.isEmpty()) {
@@ -97,7 +108,10 @@ private:
         }
         XTestFakeKeyEvent(other_, control, True, CurrentTime);
         XTestFakeKeyEvent(other_, alt, True, CurrentTime);
-        tap(keycode(key.constData()));
+        XTestFakeKeyEvent(other_, keycode(key.constData()), True, CurrentTime);
+        XSync(other_, False);
+        QThread::msleep(holdMs);
+        XTestFakeKeyEvent(other_, keycode(key.constData()), False, CurrentTime);
         XTestFakeKeyEvent(other_, alt, False, CurrentTime);
         XTestFakeKeyEvent(other_, control, False, CurrentTime);
         if (!lock.isEmpty()) {
