@@ -20,21 +20,8 @@ struct Outcome {
     bool ended() const { return finished || failure.has_value(); }
 };
 
-void record(AnswerStream& stream, Outcome& outcome) {
-    QObject::connect(&stream, &AnswerStream::chunk,
-                     [&outcome](const QString& text) { outcome.chunks.append(text); });
-    QObject::connect(&stream, &AnswerStream::finished, [&outcome] { outcome.finished = true; });
-    QObject::connect(&stream, &AnswerStream::failed,
-                     [&outcome](const Failure& failure) { outcome.failure = failure; });
-}
-
-BackendClient::AnswerRequest sampleRequest() {
-    return {QStringLiteral("Why this role?"),
-            {TranscriptLine(Speaker::interviewer, QStringLiteral("Hello.")),
-             TranscriptLine(Speaker::me, QStringLiteral("Hi, thanks for having me."))},
-            QStringLiteral("Ten years of C++."),
-            QStringLiteral("Senior engineer"),
-            QStringLiteral("Be brief.")};
+QByteArray textLine(const char* text) {
+    return QByteArray(R"(data: {"type":"text","text":")") + text + "\"}\n";
 }
 
 }  // namespace
@@ -46,24 +33,25 @@ private slots:
     void init();
     void cleanup();
 
-    void lineRules_data();
-    void lineRules();
-    void splitsLinesAtEveryByte_data();
-    void splitsLinesAtEveryByte();
-
-    void requestShape();
-    void streamsPiecesAsTheyArrive();
-    void endings_data();
-    void endings();
-    void refusals_data();
-    void refusals();
-    void noTokenFailsBeforeSending();
-    void connectionRefused();
-    void connectionDropsMidBody();
-    void cancelAfterFirstPieceAbandonsRequest();
-    void droppingTheStreamAbandonsRequest();
+    void answerLinesAreReadStrictly_data();
+    void answerLinesAreReadStrictly();
+    void linesSurviveACutAtEveryByte_data();
+    void linesSurviveACutAtEveryByte();
+    void requestCarriesTheWholeQuestion();
+    void piecesShowBeforeTheBodyEnds();
+    void streamEndsOnceWithTheRightOutcome_data();
+    void streamEndsOnceWithTheRightOutcome();
+    void refusalsReportTheServersReason_data();
+    void refusalsReportTheServersReason();
+    void noTokenFailsWithoutSending();
+    void transportFailuresAreNotBackendErrors_data();
+    void transportFailuresAreNotBackendErrors();
+    void cancellingOrDroppingAbandonsTheRequest_data();
+    void cancellingOrDroppingAbandonsTheRequest();
 
 private:
+    std::unique_ptr<AnswerStream> start(Outcome& outcome);
+
     std::unique_ptr<TestHome> home_;
     std::unique_ptr<TestHttpServer> server_;
     std::unique_ptr<BackendClient> client_;
@@ -84,156 +72,121 @@ void AnswerStreamTest::cleanup() {
     home_.reset();
 }
 
-void AnswerStreamTest::lineRules_data() {
+std::unique_ptr<AnswerStream> AnswerStreamTest::start(Outcome& outcome) {
+    auto stream = client_->answer({QStringLiteral("Why this role?"),
+                                   {TranscriptLine(Speaker::interviewer, QStringLiteral("Hello.")),
+                                    TranscriptLine(Speaker::me, QStringLiteral("Hi."))},
+                                   QStringLiteral("Ten years of C++."),
+                                   QStringLiteral("Senior engineer"),
+                                   QStringLiteral("Be brief.")});
+    // Connected after answer() returned: a failure before sending must still arrive.
+    connect(stream.get(), &AnswerStream::chunk, this,
+            [&outcome](const QString& text) { outcome.chunks << text; });
+    connect(stream.get(), &AnswerStream::finished, this, [&outcome] { outcome.finished = true; });
+    connect(stream.get(), &AnswerStream::failed, this, [&outcome](const Failure& f) { outcome.failure = f; });
+    return stream;
+}
+
+void AnswerStreamTest::answerLinesAreReadStrictly_data() {
     QTest::addColumn<QByteArray>("line");
     QTest::addColumn<AnswerLine>("expected");
     using K = AnswerLine::Kind;
-
-    QTest::newRow("text") << QByteArray(R"(data: {"type":"text","text":"Hello"})")
-                          << AnswerLine{K::text, "Hello"};
     QTest::newRow("text kept untrimmed")
-        << QByteArray(R"(data: {"type":"text","text":"  two  "})") << AnswerLine{K::text, "  two  "};
-    QTest::newRow("text absent") << QByteArray(R"(data: {"type":"text"})") << AnswerLine{K::text, ""};
+        << QByteArray(R"(data: {"type":"text","text":"  two  ","id":7})") << AnswerLine{K::text, "  two  "};
     QTest::newRow("text null") << QByteArray(R"(data: {"type":"text","text":null})")
                                << AnswerLine{K::text, ""};
     QTest::newRow("text not a string") << QByteArray(R"(data: {"type":"text","text":5})") << AnswerLine{};
-    QTest::newRow("extra keys ignored")
-        << QByteArray(R"(data: {"type":"text","text":"x","id":7})") << AnswerLine{K::text, "x"};
     QTest::newRow("error with message") << QByteArray(R"(data: {"type":"error","message":"Quota used up."})")
                                         << AnswerLine{K::error, "Quota used up."};
     QTest::newRow("error without message")
         << QByteArray(R"(data: {"type":"error"})") << AnswerLine{K::error, "Something went wrong."};
-    QTest::newRow("error null message") << QByteArray(R"(data: {"type":"error","message":null})")
-                                        << AnswerLine{K::error, "Something went wrong."};
     QTest::newRow("error numeric message")
         << QByteArray(R"(data: {"type":"error","message":3})") << AnswerLine{};
     QTest::newRow("unknown type") << QByteArray(R"(data: {"type":"done"})") << AnswerLine{};
-    QTest::newRow("type missing") << QByteArray(R"(data: {"text":"x"})") << AnswerLine{};
     QTest::newRow("type not a string") << QByteArray(R"(data: {"type":1,"text":"x"})") << AnswerLine{};
     QTest::newRow("no space after colon") << QByteArray(R"(data:{"type":"text","text":"x"})") << AnswerLine{};
-    QTest::newRow("two spaces") << QByteArray(R"(data:  {"type":"text","text":"x"})")
-                                << AnswerLine{K::text, "x"};
-    QTest::newRow("prefix in capitals") << QByteArray(R"(DATA: {"type":"text","text":"x"})") << AnswerLine{};
-    QTest::newRow("invalid JSON") << QByteArray(R"(data: {"type":"text",)") << AnswerLine{};
     QTest::newRow("JSON array") << QByteArray(R"(data: ["text"])") << AnswerLine{};
-    QTest::newRow("blank") << QByteArray() << AnswerLine{};
     QTest::newRow("comment") << QByteArray(": keep-alive") << AnswerLine{};
-    QTest::newRow("other field") << QByteArray("event: message") << AnswerLine{};
-    QTest::newRow("unicode") << QByteArray(R"(data: {"type":"text","text":"caf\u00e9 ✓"})")
-                             << AnswerLine{K::text, QString::fromUtf8("café ✓")};
 }
 
-void AnswerStreamTest::lineRules() {
+void AnswerStreamTest::answerLinesAreReadStrictly() {
     QFETCH(QByteArray, line);
     QFETCH(AnswerLine, expected);
     QCOMPARE(parseAnswerLine(line), expected);
 }
 
-void AnswerStreamTest::splitsLinesAtEveryByte_data() {
+void AnswerStreamTest::linesSurviveACutAtEveryByte_data() {
     QTest::addColumn<QByteArray>("terminator");
     QTest::newRow("line feed") << QByteArray("\n");
     QTest::newRow("carriage return") << QByteArray("\r");
     QTest::newRow("carriage return and line feed") << QByteArray("\r\n");
 }
 
-void AnswerStreamTest::splitsLinesAtEveryByte() {
+void AnswerStreamTest::linesSurviveACutAtEveryByte() {
     QFETCH(QByteArray, terminator);
     const QByteArray body = "data: one" + terminator + terminator + "data: tw\xc3\xb6" + terminator + "last";
-    QList<QByteArray> whole;
-    {
-        LineSplitter splitter;
-        whole = splitter.feed(body);
-        whole.append(splitter.finish());
-    }
-    auto nonEmpty = [](QList<QByteArray> lines) {
-        lines.removeAll(QByteArray());
-        return lines;
-    };
-    QCOMPARE(nonEmpty(whole), (QList<QByteArray>{"data: one", "data: tw\xc3\xb6", "last"}));
-
     for (qsizetype cut = 0; cut <= body.size(); ++cut) {
         LineSplitter splitter;
         QList<QByteArray> lines = splitter.feed(body.left(cut));
         lines += splitter.feed(body.mid(cut));
         lines.append(splitter.finish());
-        QCOMPARE(nonEmpty(lines), nonEmpty(whole));
+        lines.removeAll(QByteArray());
+        QCOMPARE(lines, (QList<QByteArray>{"data: one", "data: tw\xc3\xb6", "last"}));
     }
 }
 
-void AnswerStreamTest::requestShape() {
+void AnswerStreamTest::requestCarriesTheWholeQuestion() {
     server_->respondWith(TestHttpServer::Response::stream({}));
-    auto stream = client_->answer(sampleRequest());
     Outcome outcome;
-    record(*stream, outcome);
-    QTRY_VERIFY(outcome.ended());
-
+    auto stream = start(outcome);
+    QTRY_VERIFY(outcome.finished);
     QCOMPARE(server_->received().size(), 1);
     const auto& received = server_->received().first();
-    QCOMPARE(received.method, QByteArray("POST"));
-    QCOMPARE(received.target, QByteArray("/answer"));
+    QCOMPARE(received.method + ' ' + received.target, QByteArray("POST /answer"));
     QCOMPARE(received.header("authorization"), QByteArray("Bearer tok"));
     QCOMPARE(received.header("accept-encoding"), QByteArray("identity"));
-    const QJsonObject body = QJsonDocument::fromJson(received.body).object();
-    QCOMPARE(body.keys(),
-             (QStringList{"extraInstructions", "jobDescription", "question", "resume", "transcript"}));
-    QCOMPARE(body.value("question").toString(), QStringLiteral("Why this role?"));
-    QCOMPARE(body.value("resume").toString(), QStringLiteral("Ten years of C++."));
-    QCOMPARE(body.value("jobDescription").toString(), QStringLiteral("Senior engineer"));
-    QCOMPARE(body.value("extraInstructions").toString(), QStringLiteral("Be brief."));
-    const QJsonArray transcript = body.value("transcript").toArray();
-    QCOMPARE(transcript.size(), 2);
-    QCOMPARE(transcript[0].toObject(), (QJsonObject{{"speaker", "interviewer"}, {"text", "Hello."}}));
-    QCOMPARE(transcript[1].toObject(),
-             (QJsonObject{{"speaker", "me"}, {"text", "Hi, thanks for having me."}}));
+    const QJsonObject expected{
+        {"question", "Why this role?"},
+        {"resume", "Ten years of C++."},
+        {"jobDescription", "Senior engineer"},
+        {"extraInstructions", "Be brief."},
+        {"transcript", QJsonArray{QJsonObject{{"speaker", "interviewer"}, {"text", "Hello."}},
+                                  QJsonObject{{"speaker", "me"}, {"text", "Hi."}}}}};
+    QCOMPARE(QJsonDocument::fromJson(received.body).object(), expected);
 }
 
-void AnswerStreamTest::streamsPiecesAsTheyArrive() {
-    server_->respondWith(TestHttpServer::Response::stream({
-        {"data: {\"type\":\"text\",\"text\":\"First\"}\n", 0},
-        {"data: {\"type\":\"text\",\"text\":\" second\"}\n", 400},
-    }));
-    auto stream = client_->answer(sampleRequest());
+void AnswerStreamTest::piecesShowBeforeTheBodyEnds() {
+    server_->respondWith(
+        TestHttpServer::Response::stream({{textLine("First"), 0}, {textLine(" second"), 400}}));
     Outcome outcome;
-    record(*stream, outcome);
-    // The first piece is on screen while the server still holds back the second.
+    auto stream = start(outcome);
     QTRY_COMPARE(outcome.chunks, QStringList{"First"});
     QVERIFY(!outcome.ended());
     QTRY_VERIFY(outcome.finished);
     QCOMPARE(outcome.chunks, (QStringList{"First", " second"}));
 }
 
-void AnswerStreamTest::endings_data() {
+void AnswerStreamTest::streamEndsOnceWithTheRightOutcome_data() {
     QTest::addColumn<QList<QByteArray>>("pieces");
     QTest::addColumn<QStringList>("chunks");
     QTest::addColumn<QString>("failure");  // empty: finished normally
-
-    QTest::newRow("only blank and other lines")
-        << QList<QByteArray>{"\n\nevent: ping\n: comment\n\n"} << QStringList{} << "";
-    QTest::newRow("unknown type between texts")
-        << QList<QByteArray>{"data: {\"type\":\"text\",\"text\":\"a\"}\ndata: {\"type\":\"progress\"}\n",
-                             "data: {\"type\":\"text\",\"text\":\"b\"}\n"}
+    QTest::newRow("other lines and unknown types skipped")
+        << QList<QByteArray>{"\nevent: ping\n: c\n" + textLine("a") + "data: {\"type\":\"progress\"}\n",
+                             textLine("b")}
         << QStringList{"a", "b"} << "";
-    QTest::newRow("closing event then end of body")
-        << QList<QByteArray>{"data: {\"type\":\"text\",\"text\":\"a\"}\r\ndata: {\"type\":\"done\"}\r\n"}
-        << QStringList{"a"} << "";
     QTest::newRow("error stops reading")
-        << QList<QByteArray>{"data: {\"type\":\"text\",\"text\":\"a\"}\rdata: {\"type\":\"error\"}\r"
-                             "data: {\"type\":\"text\",\"text\":\"never\"}\r"}
+        << QList<QByteArray>{"data: {\"type\":\"text\",\"text\":\"a\"}\rdata: {\"type\":\"error\"}\r" +
+                             textLine("x")}
         << QStringList{"a"} << "Something went wrong.";
-    QTest::newRow("error with message")
-        << QList<QByteArray>{"data: {\"type\":\"error\",\"message\":\"Model busy.\"}\n"} << QStringList{}
-        << "Model busy.";
     QTest::newRow("last line without terminator")
-        << QList<QByteArray>{"data: {\"type\":\"text\",\"text\":\"a\"}\ndata: {\"type\":\"text\",\"text\":\"b\"}"}
+        << QList<QByteArray>{textLine("a") + "data: {\"type\":\"text\",\"text\":\"b\"}"}
         << QStringList{"a", "b"} << "";
-    QTest::newRow("invalid JSON skipped")
-        << QList<QByteArray>{"data: {oops\ndata: {\"type\":\"text\"}\n"} << QStringList{""} << "";
     QTest::newRow("line split across reads")
         << QList<QByteArray>{"data: {\"type\":\"te", "xt\",\"text\":\"caf\xc3", "\xa9\"}\r", "\n"}
         << QStringList{QString::fromUtf8("café")} << "";
 }
 
-void AnswerStreamTest::endings() {
+void AnswerStreamTest::streamEndsOnceWithTheRightOutcome() {
     QFETCH(QList<QByteArray>, pieces);
     QFETCH(QStringList, chunks);
     QFETCH(QString, failure);
@@ -242,21 +195,19 @@ void AnswerStreamTest::endings() {
         scripted.append({piece, 20});
     }
     server_->respondWith(TestHttpServer::Response::stream(scripted));
-    auto stream = client_->answer(sampleRequest());
     Outcome outcome;
-    record(*stream, outcome);
+    auto stream = start(outcome);
     QTRY_VERIFY(outcome.ended());
+    QTest::qWait(50);
     QCOMPARE(outcome.chunks, chunks);
-    if (failure.isEmpty()) {
-        QVERIFY(outcome.finished);
-    } else {
-        QVERIFY(outcome.failure);
+    QCOMPARE(outcome.finished, failure.isEmpty());
+    if (outcome.failure) {
         QVERIFY(outcome.failure->is(BackendError::Kind::server));
         QCOMPARE(outcome.failure->description(), failure);
     }
 }
 
-void AnswerStreamTest::refusals_data() {
+void AnswerStreamTest::refusalsReportTheServersReason_data() {
     QTest::addColumn<int>("status");
     QTest::addColumn<QByteArray>("body");
     QTest::addColumn<QString>("description");
@@ -267,7 +218,7 @@ void AnswerStreamTest::refusals_data() {
     QTest::newRow("signed out") << 401 << QByteArray(R"({"error":"bad token"})") << "Please sign in again.";
 }
 
-void AnswerStreamTest::refusals() {
+void AnswerStreamTest::refusalsReportTheServersReason() {
     QFETCH(int, status);
     QFETCH(QByteArray, body);
     QFETCH(QString, description);
@@ -275,83 +226,68 @@ void AnswerStreamTest::refusals() {
     Keychain::save(QStringLiteral("stored"));
     // A refusal's body arrives in pieces too; the stream judges it once it is complete.
     server_->respondWith(TestHttpServer::Response::stream({{body.left(5), 0}, {body.mid(5), 50}}, status));
-    auto stream = client_->answer(sampleRequest());
     Outcome outcome;
-    record(*stream, outcome);
+    auto stream = start(outcome);
     QTRY_VERIFY(outcome.ended());
-    QVERIFY(outcome.chunks.isEmpty());
-    QVERIFY(outcome.failure);
+    QVERIFY(outcome.chunks.isEmpty() && outcome.failure);
     QCOMPARE(outcome.failure->description(), description);
     QCOMPARE(Keychain::load().has_value(), status != 401);
 }
 
-void AnswerStreamTest::noTokenFailsBeforeSending() {
+void AnswerStreamTest::noTokenFailsWithoutSending() {
     home_->environment().unset("TALLOWIND_TOKEN");
-    auto stream = client_->answer(sampleRequest());
     Outcome outcome;
-    record(*stream, outcome);  // connected after answer() returned: the failure must still arrive
+    auto stream = start(outcome);
     QTRY_VERIFY(outcome.ended());
     QVERIFY(outcome.failure && outcome.failure->is(BackendError::Kind::signedOut));
-    QCOMPARE(outcome.failure->description(), QStringLiteral("Please sign in again."));
     QTest::qWait(50);
     QVERIFY(server_->received().isEmpty());
 }
 
-void AnswerStreamTest::connectionRefused() {
-    {
+void AnswerStreamTest::transportFailuresAreNotBackendErrors_data() {
+    QTest::addColumn<bool>("refused");
+    QTest::addColumn<QStringList>("chunks");
+    QTest::newRow("connection refused") << true << QStringList{};
+    QTest::newRow("connection drops mid-body") << false << QStringList{"kept"};
+}
+
+void AnswerStreamTest::transportFailuresAreNotBackendErrors() {
+    QFETCH(bool, refused);
+    QFETCH(QStringList, chunks);
+    if (refused) {
         TestHttpServer closed;
         QVERIFY(closed.listen());
         home_->environment().set("TALLOWIND_SERVER", closed.url().toString().toUtf8());
     }
-    auto stream = client_->answer(sampleRequest());
+    auto response =
+        TestHttpServer::Response::stream({{textLine("kept"), 0}, {"data: {\"type\":\"text\",\"t", 30}});
+    response.drop = true;
+    server_->respondWith(response);
     Outcome outcome;
-    record(*stream, outcome);
+    auto stream = start(outcome);
     QTRY_VERIFY(outcome.ended());
-    QVERIFY(outcome.failure);
-    // The transport's own description, not one of the backend's messages.
-    QVERIFY(!outcome.failure->backendError());
+    QCOMPARE(outcome.chunks, chunks);
+    QVERIFY(outcome.failure && !outcome.failure->backendError());
     QVERIFY(!outcome.failure->description().isEmpty());
 }
 
-void AnswerStreamTest::connectionDropsMidBody() {
-    auto response = TestHttpServer::Response::stream({{"data: {\"type\":\"text\",\"text\":\"kept\"}\n", 0},
-                                                      {"data: {\"type\":\"text\",\"text\":\"lo", 30}});
-    response.drop = true;
-    server_->respondWith(response);
-    auto stream = client_->answer(sampleRequest());
-    Outcome outcome;
-    record(*stream, outcome);
-    QTRY_VERIFY(outcome.ended());
-    QCOMPARE(outcome.chunks, QStringList{"kept"});
-    QVERIFY(outcome.failure);
-    QVERIFY(!outcome.failure->backendError());
+void AnswerStreamTest::cancellingOrDroppingAbandonsTheRequest_data() {
+    QTest::addColumn<bool>("cancel");
+    QTest::newRow("cancel after the first piece") << true;
+    QTest::newRow("stream destroyed") << false;
 }
 
-void AnswerStreamTest::cancelAfterFirstPieceAbandonsRequest() {
-    server_->respondWith(TestHttpServer::Response::stream({
-        {"data: {\"type\":\"text\",\"text\":\"one\"}\n", 0},
-        {"data: {\"type\":\"text\",\"text\":\"two\"}\n", 500},
-    }));
-    auto stream = client_->answer(sampleRequest());
+void AnswerStreamTest::cancellingOrDroppingAbandonsTheRequest() {
+    QFETCH(bool, cancel);
+    server_->respondWith(TestHttpServer::Response::stream({{textLine("one"), 0}, {textLine("two"), 500}}));
     Outcome outcome;
-    record(*stream, outcome);
-    QObject::connect(stream.get(), &AnswerStream::chunk, stream.get(), [&stream] { stream->cancel(); });
+    auto stream = start(outcome);
+    // Ended from inside the slot that received the piece: nothing may follow.
+    connect(stream.get(), &AnswerStream::chunk, this, [&] { cancel ? stream->cancel() : stream.reset(); });
     QTRY_COMPARE(server_->abandoned(), 1);
+    QVERIFY(!stream || !stream->isActive());
     QCOMPARE(outcome.chunks, QStringList{"one"});
     QVERIFY(!outcome.ended());
-    QVERIFY(!stream->isActive());
-}
-
-void AnswerStreamTest::droppingTheStreamAbandonsRequest() {
-    server_->respondWith(TestHttpServer::Response::stream({
-        {"data: {\"type\":\"text\",\"text\":\"one\"}\n", 0},
-        {"data: {\"type\":\"text\",\"text\":\"two\"}\n", 500},
-    }));
-    auto stream = client_->answer(sampleRequest());
-    QSignalSpy chunks(stream.get(), &AnswerStream::chunk);
-    QVERIFY(chunks.wait());
-    stream.reset();
-    QTRY_COMPARE(server_->abandoned(), 1);
 }
 
 QTEST_GUILESS_MAIN(AnswerStreamTest)

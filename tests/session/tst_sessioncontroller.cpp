@@ -69,20 +69,12 @@ struct Rig {
             }
             const QString kind = step.section(QLatin1Char(' '), 1, 1);
             const QString text = step.section(QLatin1Char(' '), 2);
-            Event event;
-            if (kind.startsWith(QLatin1String("final"))) {
-                event = Event::final(text, kind.endsWith(QLatin1Char('!')));
-            } else if (kind == QLatin1String("interim")) {
-                event = Event::interim(text);
-            } else if (kind == QLatin1String("utteranceEnd")) {
-                event = Event::utteranceEnd();
-            } else if (kind == QLatin1String("connected")) {
-                event = Event::connected();
-            } else if (kind == QLatin1String("failed")) {
-                event = Event::failed(text);
-            } else {
-                qFatal("unknown step %s", qPrintable(step));
-            }
+            const QMap<QString, Event> events{
+                {"final", Event::final(text, false)}, {"final!", Event::final(text, true)},
+                {"interim", Event::interim(text)},    {"utteranceEnd", Event::utteranceEnd()},
+                {"connected", Event::connected()},    {"failed", Event::failed(text)}};
+            QVERIFY2(events.contains(kind), qPrintable(step));
+            const Event event = events.value(kind);
             streams.report(step.startsWith(QLatin1Char('M')) ? you : interviewer, event);
             QCoreApplication::sendPostedEvents();
         }
@@ -240,8 +232,6 @@ void SessionControllerTest::microphone_data() {
     QTest::newRow("not used: no stream, no request") << false << open << open << Health::off << "" << -1 << 0;
     QTest::newRow("waiting for access: stream made, not started")
         << true << open << open << Health::connecting << "" << 0 << 0;
-    QTest::newRow("granted, capture starting")
-        << true << QVariant(true) << open << Health::connecting << "" << 0 << 1;
     QTest::newRow("granted, capture running: stream connects")
         << true << QVariant(true) << QVariant(true) << Health::connecting << "" << 1 << 1;
     QTest::newRow("refused") << true << QVariant(false) << open << Health::problem << micOffNotice << 0 << 0;
@@ -341,8 +331,9 @@ void SessionControllerTest::systemCaptureEndedByServer_data() {
     QTest::newRow("with the server's reason")
         << "The device went away"
         << "System audio stopped: The device went away. Press Ctrl+Alt+S twice to restart.";
-    QTest::newRow("without a reason") << ""
-                                      << "System audio stopped: unknown reason. Press Ctrl+Alt+S twice to restart.";
+    QTest::newRow("without a reason")
+        << ""
+        << "System audio stopped: unknown reason. Press Ctrl+Alt+S twice to restart.";
 }
 
 void SessionControllerTest::systemCaptureEndedByServer() {
@@ -417,25 +408,20 @@ void SessionControllerTest::transcriptAssembly_data() {
 
     using L = QStringList;
     QTest::newRow("final without end, then interim") << L{"I final A", "I interim B"} << L{"I~A B"};
-    QTest::newRow("… then final with end") << L{"I final A", "I interim B", "I final! C"} << L{"I:A C"};
     QTest::newRow("interim replaces interim") << L{"I interim a", "I interim a b"} << L{"I~a b"};
     QTest::newRow("empty final with end clears interim") << L{"I interim B", "I final! "} << L{};
     QTest::newRow("utterance end with no final clears interim") << L{"M interim um", "M utteranceEnd"} << L{};
-    QTest::newRow("utterance end after final with end commits nothing")
-        << L{"I final! A", "I utteranceEnd"} << L{"I:A"};
     QTest::newRow("utterance end commits gathered finals")
         << L{"I final A", "I final B", "I utteranceEnd"} << L{"I:A B"};
     QTest::newRow("speakers interleave, lines in commit order")
         << L{"I final A", "M final X", "M interim Y", "I final! B", "M final! Z", "I interim C"}
         << L{"I:A B", "M:X Z", "I~C"};
-    QTest::newRow("user commits first") << L{"I final A", "M final! X", "I utteranceEnd"} << L{"M:X", "I:A"};
     QTest::newRow("one speaker's end leaves the other pending")
         << L{"I final A", "M final X", "M utteranceEnd"} << L{"M:X", "I~A"};
     QTest::newRow("stop commits what both speakers were saying")
         << L{"I final Why did you", "I final leave?", "M interim well",
              "M final Well",        "I interim so",   "stop"}
         << L{"I:Why did you leave?", "M:Well"};
-    QTest::newRow("text kept exactly") << L{"I final  spaced ", "I final! end"} << L{"I: spaced  end"};
 }
 
 void SessionControllerTest::transcriptAssembly() {
@@ -452,7 +438,6 @@ void SessionControllerTest::transcriptWindow_data() {
     QTest::addColumn<int>("ageMs");  // of the first line when the second is committed
     QTest::addColumn<QStringList>("lines");
 
-    QTest::newRow("well inside") << 599'000 << QStringList{"I:first", "M:second"};
     QTest::newRow("exactly 600 seconds") << 600'000 << QStringList{"I:first", "M:second"};
     QTest::newRow("just over 600 seconds") << 600'001 << QStringList{"M:second"};
 }
@@ -487,8 +472,6 @@ void SessionControllerTest::streamStatus_data() {
         << reconnecting;
     QTest::newRow("reconnected clears the reconnecting notice")
         << false << L{"I failed " + reconnecting, "I connected"} << Health::ok << Health::connecting << "";
-    QTest::newRow("another speaker's reconnect also clears it")
-        << false << L{"I failed " + reconnecting, "M connected"} << Health::problem << Health::ok << "";
     QTest::newRow("other failures stay after connected")
         << false << L{"M failed Please sign in again.", "M connected"} << Health::connecting << Health::ok
         << "Please sign in again.";
@@ -543,7 +526,6 @@ void SessionControllerTest::automaticAnswer_data() {
         << true << L{"I final How would you", "I final! scale it"} << L{"How would you scale it"};
     QTest::newRow("automatic answering off") << false << L{"I final! How would you scale it?"} << L();
     QTest::newRow("the user's question never answers") << true << L{"M final! What do you mean?"} << L();
-    QTest::newRow("a remark is not a question") << true << L{"I final! Okay great thanks"} << L();
     QTest::newRow("a remark after a question asks again, joined")
         << true << L{"I final! Is it fast?", "I final! Take your time"}
         << L{"Is it fast?", "Is it fast? Take your time"};
@@ -675,8 +657,6 @@ void SessionControllerTest::answerNow_data() {
         << L{"I final! Tell me", "M final! ok", "I final! more"} << u"more"_s << "";
     QTest::newRow("with the words still heard")
         << L{"I final! So", "I final what", "I interim next"} << u"So what next"_s << "";
-    QTest::newRow("user spoke last: the words still heard")
-        << L{"I final! A", "M final! B", "I interim C"} << u"C"_s << "";
     QTest::newRow("user spoke last: newest interviewer line")
         << L{"I final! A", "I final! A2", "M final! B", "M final! C"} << u"A2"_s << "";
     QTest::newRow("no question is needed") << L{"I final! Okay"} << u"Okay"_s << "";
@@ -708,8 +688,6 @@ void SessionControllerTest::metering_data() {
     QTest::addColumn<QList<double>>("reports");
 
     QTest::newRow("30 seconds: once at stop") << QStringList{"second 30"} << false << QList<double>{30};
-    QTest::newRow("150 seconds: two ticks and stop")
-        << QStringList{"second 150"} << false << QList<double>{60, 60, 30};
     QTest::newRow("microphone audio is not counted")
         << QStringList{"second 150"} << true << QList<double>{60, 60, 30};
     QTest::newRow("under a second: nothing") << QStringList{"bytes 31999 1"} << false << QList<double>();

@@ -38,8 +38,6 @@ void SessionTextTest::join_data() {
 
     QTest::newRow("both") << u"so tell me"_s << u"about yourself"_s << u"so tell me about yourself"_s;
     QTest::newRow("first empty") << QString() << u"hello"_s << u"hello"_s;
-    QTest::newRow("second empty") << u"hello"_s << QString() << u"hello"_s;
-    QTest::newRow("both empty") << QString() << QString() << QString();
     QTest::newRow("spaces kept as delivered") << u"a "_s << u" b"_s << u"a   b"_s;
     QTest::newRow("only white space is not empty") << u" "_s << u"b"_s << u"  b"_s;
 }
@@ -58,26 +56,16 @@ void SessionTextTest::looksLikeQuestion_data() {
     QTest::newRow("prefix tell me, 4 words") << "Tell me about yourself" << true;
     QTest::newRow("2 words although it has what") << "so what" << false;
     QTest::newRow("question mark") << "Really?" << true;
-    QTest::newRow("question mark anywhere") << "ok? fine" << true;
-    QTest::newRow("lone question mark") << "?" << true;
     QTest::newRow("exactly 7 words") << "one two three four five six seven" << true;
     QTest::newRow("6 words without prefix") << "one two three four five six" << false;
     QTest::newRow("opening letters, not whole words") << "Howdy folks, nice day" << true;
-    QTest::newRow("two-word prefix") << "Could you elaborate there" << true;
-    QTest::newRow("last prefix") << "Do you like Rust" << true;
     QTest::newRow("prefix must open the text") << "So how was it" << false;
-    QTest::newRow("leading space defeats the prefix") << " how was it" << false;
-    QTest::newRow("prefix but 2 words") << "Why not" << false;
     QTest::newRow("empty") << "" << false;
-    QTest::newRow("only white space") << " \t\n " << false;
     QTest::newRow("line breaks separate words") << "one\ntwo\nthree\nfour\nfive\nsix\nseven" << true;
     QTest::newRow("runs of white space count once") << "Okay    great\t\tthanks" << false;
     QTest::newRow("no-break space separates words")
         << QStringLiteral("one\u00a0two\u00a0three\u00a0four\u00a0five\u00a0six\u00a0seven") << true;
-    QTest::newRow("ideographic space separates words")
-        << QStringLiteral("one\u3000two\u3000three\u3000four\u3000five\u3000six\u3000seven") << true;
     QTest::newRow("fullwidth question mark is not ?") << QStringLiteral("Ready\uff1f") << false;
-    QTest::newRow("upper-case prefix") << "WHAT IS YOUR NAME" << true;
     QTest::newRow("lower-casing beyond ASCII meets the prefix")
         << QStringLiteral("D\u00c9SCRIBE your role please") << false;
     QTest::newRow("dotted capital I lower-cases to two code points")
@@ -99,8 +87,6 @@ void SessionTextTest::currentQuestion_data() {
     QTest::newRow("newest line is the user's") << QStringList{"I:A", "I:B", "M:C"} << "";
     QTest::newRow("only the last four of five")
         << QStringList{"I:1", "I:2", "I:3", "I:4", "I:5"} << "2 3 4 5";
-    QTest::newRow("exactly four") << QStringList{"M:x", "I:1", "I:2", "I:3", "I:4"} << "1 2 3 4";
-    QTest::newRow("only the user") << QStringList{"M:a", "M:b"} << "";
     QTest::newRow("single interviewer line") << QStringList{"I:How are you?"} << "How are you?";
 }
 

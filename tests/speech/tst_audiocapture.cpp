@@ -58,8 +58,6 @@ void AudioCaptureTest::capturesInAnyFormat_data() {
     QTest::newRow("system audio, 48 kHz stereo float") << Which::systemAudio << studio;
     QTest::newRow("microphone, 44.1 kHz stereo 16-bit")
         << Which::microphone << AudioFormat{44100, 2, Type::int16};
-    QTest::newRow("microphone, 16 kHz mono 16-bit")
-        << Which::microphone << AudioFormat{16000, 1, Type::int16};
     QTest::newRow("microphone, 96 kHz four channels 32-bit")
         << Which::microphone << AudioFormat{96000, 4, Type::int32};
 }
@@ -116,12 +114,8 @@ void AudioCaptureTest::startFailures_data() {
 
     QTest::newRow("microphone, no server") << Which::microphone << Kind::noServer << "Connection refused"
                                            << "No microphone found." << true;
-    QTest::newRow("microphone, no default source") << Which::microphone << Kind::noDevice << "No such entity"
-                                                   << "No microphone found." << true;
     QTest::newRow("microphone, server refuses") << Which::microphone << Kind::server << "Access denied"
                                                 << "Access denied" << false;
-    QTest::newRow("system audio, no server") << Which::systemAudio << Kind::noServer << "Connection refused"
-                                             << "No display found to capture audio from." << true;
     QTest::newRow("system audio, no default output")
         << Which::systemAudio << Kind::noDevice << "No such entity"
         << "No display found to capture audio from." << true;

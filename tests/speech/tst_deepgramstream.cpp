@@ -127,8 +127,6 @@ void TestDeepgramStream::endpoint_data() {
     QTest::addColumn<QString>("expected");
 
     const QString query = QString::fromLatin1(listenTarget.mid(listenTarget.indexOf('?')));
-    QTest::newRow("the service") << QUrl("wss://api.deepgram.com")
-                                 << "wss://api.deepgram.com/v1/listen" + query;
     QTest::newRow("a trailing slash")
         << QUrl("wss://api.deepgram.com/") << "wss://api.deepgram.com/v1/listen" + query;
     QTest::newRow("a local server under a path")

@@ -25,11 +25,11 @@ class TestRecognitionMessage : public QObject {
     Q_OBJECT
 
 private slots:
-    void parse_data();
-    void parse();
+    void messagesBecomeTheRightEvent_data();
+    void messagesBecomeTheRightEvent();
 };
 
-void TestRecognitionMessage::parse_data() {
+void TestRecognitionMessage::messagesBecomeTheRightEvent_data() {
     QTest::addColumn<QString>("message");
     QTest::addColumn<Expected>("expected");
 
@@ -39,10 +39,7 @@ void TestRecognitionMessage::parse_data() {
     // Interim results.
     QTest::newRow("interim words lose the spaces around them")
         << results(words) << Expected(Event::interim("hello there"));
-    QTest::newRow("interim with is_final false")
-        << results(words, R"(,"is_final":false)") << Expected(Event::interim("hello there"));
     QTest::newRow("an empty interim says nothing") << results("") << nothing;
-    QTest::newRow("an interim of only spaces says nothing") << results("   ") << nothing;
     QTest::newRow("speech_final without is_final is still interim")
         << results("word", R"(,"speech_final":true)") << Expected(Event::interim("word"));
 
@@ -52,17 +49,12 @@ void TestRecognitionMessage::parse_data() {
         << Expected(Event::final("hello there", true));
     QTest::newRow("a final without speech_final does not end the utterance")
         << results(words, R"(,"is_final":true)") << Expected(Event::final("hello there", false));
-    QTest::newRow("a final with speech_final false")
-        << results(words, R"(,"is_final":true,"speech_final":false)")
-        << Expected(Event::final("hello there", false));
     QTest::newRow("an empty final is still reported")
         << results("", R"(,"is_final":true,"speech_final":true)") << Expected(Event::final("", true));
     QTest::newRow("a final of only spaces is reported empty")
         << results("   ", R"(,"is_final":true)") << Expected(Event::final("", false));
     QTest::newRow("is_final as a string does not count")
         << results("word", R"(,"is_final":"true")") << Expected(Event::interim("word"));
-    QTest::newRow("is_final as a number does not count")
-        << results("word", R"(,"is_final":1)") << Expected(Event::interim("word"));
     QTest::newRow("speech_final as a string does not count")
         << results("word", R"(,"is_final":true,"speech_final":"true")")
         << Expected(Event::final("word", false));
@@ -73,21 +65,12 @@ void TestRecognitionMessage::parse_data() {
         << results(QStringLiteral(u"\u00a0\u3000word\u2003")) << Expected(Event::interim("word"));
     QTest::newRow("line breaks at the ends are kept")
         << results("\\nword \\n") << Expected(Event::interim("\nword \n"));
-    QTest::newRow("inner spaces are kept")
-        << results(" two  words ") << Expected(Event::interim("two  words"));
 
     // A transcript path that breaks anywhere counts as empty text.
     QTest::newRow("no channel, final")
         << R"({"type":"Results","is_final":true})" << Expected(Event::final("", false));
-    QTest::newRow("no channel, interim") << R"({"type":"Results"})" << nothing;
-    QTest::newRow("channel not an object")
-        << R"({"type":"Results","is_final":true,"channel":[{"alternatives":[{"transcript":"x"}]}]})"
-        << Expected(Event::final("", false));
     QTest::newRow("empty alternatives")
         << R"({"type":"Results","is_final":true,"channel":{"alternatives":[]}})"
-        << Expected(Event::final("", false));
-    QTest::newRow("alternatives not an array")
-        << R"({"type":"Results","is_final":true,"channel":{"alternatives":{"transcript":"x"}}})"
         << Expected(Event::final("", false));
     QTest::newRow("first alternative not an object")
         << R"({"type":"Results","is_final":true,"channel":{"alternatives":["x",{"transcript":"y"}]}})"
@@ -101,23 +84,15 @@ void TestRecognitionMessage::parse_data() {
 
     // Utterance ends and everything that is not one of the two message types.
     QTest::newRow("utterance end") << R"({"type":"UtteranceEnd"})" << Expected(Event::utteranceEnd());
-    QTest::newRow("utterance end with its fields")
-        << R"({"type":"UtteranceEnd","channel":[0,1],"last_word_end":2.5})"
-        << Expected(Event::utteranceEnd());
     QTest::newRow("utterance end in another case") << R"({"type":"utteranceend"})" << nothing;
-    QTest::newRow("results in another case") << R"({"type":"results","is_final":true})" << nothing;
     QTest::newRow("another message type") << R"({"type":"SpeechStarted","is_final":true})" << nothing;
-    QTest::newRow("type not a string") << R"({"type":1,"is_final":true})" << nothing;
     QTest::newRow("no type") << R"({"is_final":true,"channel":{"alternatives":[{"transcript":"x"}]}})"
                              << nothing;
     QTest::newRow("a JSON array") << R"([{"type":"UtteranceEnd"}])" << nothing;
-    QTest::newRow("a bare JSON string") << R"("UtteranceEnd")" << nothing;
-    QTest::newRow("not JSON") << "UtteranceEnd" << nothing;
     QTest::newRow("cut-off JSON") << R"({"type":"UtteranceEnd")" << nothing;
-    QTest::newRow("empty text") << "" << nothing;
 }
 
-void TestRecognitionMessage::parse() {
+void TestRecognitionMessage::messagesBecomeTheRightEvent() {
     QFETCH(QString, message);
     QFETCH(Expected, expected);
 
