@@ -11,7 +11,9 @@ std::unique_ptr<QMessageBox> MessageBoxUpdateDialogs::makeBox(const UpdateDialog
     box->setInformativeText(dialog.informativeText);
     box->setWindowFlag(Qt::WindowStaysOnTopHint);
     if (dialog.buttons.isEmpty()) {
-        box->setDefaultButton(box->addButton(QMessageBox::Ok));
+        QPushButton* ok = box->addButton(QMessageBox::Ok);
+        box->setDefaultButton(ok);
+        box->setEscapeButton(ok);
         return box;
     }
     QList<QPushButton*> buttons;
