@@ -11,6 +11,8 @@
 
 #include <md4c.h>
 
+#include <array>
+
 namespace M = OverlayMetrics;
 
 namespace {
@@ -151,32 +153,67 @@ QString escaped(const QString& text) {
     return text.toHtmlEscaped();
 }
 
-QLabel* makeTextLabel(QWidget* parent) {
-    auto* label = new QLabel(parent);
+// A label that remembers its heights for the last few widths asked. Layouts ask every block for its
+// height at several widths (the area's, the one beside a scroll bar, a bullet's item column) whenever any
+// block changes; a word-wrapped label lays its text out anew for each question, which for a long answer
+// costs more than everything else per streamed piece.
+class BlockLabel : public QLabel {
+public:
+    explicit BlockLabel(QWidget* parent) : QLabel(parent) {
+        setWordWrap(true);
+        setAlignment(Qt::AlignLeft | Qt::AlignTop);
+        // A long word (a path, an address) must not widen the whole answer past the panel.
+        setMinimumWidth(1);
+    }
+
+    int heightForWidth(int width) const override {
+        // The text is shared, not copied, and compares at once when its length changed.
+        if (text() != cachedText_) {
+            cachedText_ = text();
+            heights_.fill({-1, 0});
+        }
+        for (const auto& [cachedWidth, height] : heights_) {
+            if (cachedWidth == width) {
+                return height;
+            }
+        }
+        const int height = QLabel::heightForWidth(width);
+        heights_[next_] = {width, height};
+        next_ = (next_ + 1) % heights_.size();
+        return height;
+    }
+
+protected:
+    void changeEvent(QEvent* event) override {
+        heights_.fill({-1, 0});
+        QLabel::changeEvent(event);
+    }
+
+private:
+    mutable QString cachedText_;
+    mutable std::array<std::pair<int, int>, 4> heights_{{{-1, 0}, {-1, 0}, {-1, 0}, {-1, 0}}};
+    mutable std::size_t next_ = 0;
+};
+
+BlockLabel* makeTextLabel(QWidget* parent) {
+    auto* label = new BlockLabel(parent);
     label->setTextFormat(Qt::RichText);
-    label->setWordWrap(true);
-    label->setAlignment(Qt::AlignLeft | Qt::AlignTop);
     label->setTextInteractionFlags(Qt::TextSelectableByMouse | Qt::LinksAccessibleByMouse);
     label->setOpenExternalLinks(true);
     label->setFont(M::font(M::textFontPx));
-    // A long word (a path, an address) must not widen the whole answer past the panel.
-    label->setMinimumWidth(1);
     return label;
 }
 
 // A fenced code block: monospaced, padded, on a dark rounded plate.
-class CodeBlock : public QLabel {
+class CodeBlock : public BlockLabel {
 public:
-    explicit CodeBlock(QWidget* parent) : QLabel(parent) {
+    explicit CodeBlock(QWidget* parent) : BlockLabel(parent) {
         setTextFormat(Qt::PlainText);
-        setWordWrap(true);
-        setAlignment(Qt::AlignLeft | Qt::AlignTop);
         setTextInteractionFlags(Qt::TextSelectableByMouse);
         setMargin(M::codePadding);
         QFont font = QFontDatabase::systemFont(QFontDatabase::FixedFont);
         font.setPixelSize(M::codeFontPx);
         setFont(font);
-        setMinimumWidth(1);
     }
 
 protected:

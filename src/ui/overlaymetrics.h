@@ -57,7 +57,7 @@ inline constexpr QMargins noticeMargins{horizontalPadding, 8, horizontalPadding,
 inline constexpr int noticeFontPx = 12;
 
 // Colours of a dark appearance.
-inline const QColor material{24, 24, 28, 214};
+inline const QColor material{24, 24, 28, 226};
 inline const QColor materialEdge{255, 255, 255, 28};
 inline const QColor primary{242, 242, 247};
 inline const QColor secondary{160, 160, 170};

@@ -10,6 +10,7 @@
 #include <QHBoxLayout>
 #include <QHash>
 #include <QLabel>
+#include <QPaintEvent>
 #include <QPainter>
 #include <QPainterPath>
 #include <QScrollArea>
@@ -682,21 +683,37 @@ void OverlayView::showNotice() {
     update();
 }
 
-void OverlayView::paintEvent(QPaintEvent*) {
-    QPainter painter(this);
-    painter.setRenderHint(QPainter::Antialiasing);
-    QPainterPath outline;
-    outline.addRoundedRect(QRectF(rect()).adjusted(0.5, 0.5, -0.5, -0.5), M::cornerRadius, M::cornerRadius);
-    painter.fillPath(outline, M::material);
-    // The notice's tint belongs to the background, clipped to the rounded corners it reaches.
-    if (!noticeBar_->isHidden()) {
-        painter.save();
-        painter.setClipPath(outline);
-        painter.fillRect(noticeBar_->geometry(), M::noticeBackground);
-        painter.restore();
+void OverlayView::paintEvent(QPaintEvent* event) {
+    // The rounded, antialiased background is drawn once per size and copied for each repaint: a
+    // streaming answer repaints many times a second, and filling the path each time costs more than
+    // the text does.
+    const qreal ratio = devicePixelRatioF();
+    if (background_.size() != size() * ratio) {
+        background_ = QPixmap(size() * ratio);
+        background_.setDevicePixelRatio(ratio);
+        background_.fill(Qt::transparent);
+        QPainter painter(&background_);
+        painter.setRenderHint(QPainter::Antialiasing);
+        painter.fillPath(outline(), M::material);
+        painter.setPen(QPen(M::materialEdge, 1));
+        painter.drawPath(outline());
     }
-    painter.setPen(QPen(M::materialEdge, 1));
-    painter.drawPath(outline);
+    QPainter painter(this);
+    const QRect dirty = event->rect();
+    painter.drawPixmap(dirty, background_,
+                       QRectF(QPointF(dirty.topLeft()) * ratio, QSizeF(dirty.size()) * ratio));
+    // The notice's tint belongs to the background, clipped to the rounded corners it reaches.
+    if (!noticeBar_->isHidden() && dirty.intersects(noticeBar_->geometry())) {
+        painter.setRenderHint(QPainter::Antialiasing);
+        painter.setClipPath(outline());
+        painter.fillRect(noticeBar_->geometry(), M::noticeBackground);
+    }
+}
+
+QPainterPath OverlayView::outline() const {
+    QPainterPath path;
+    path.addRoundedRect(QRectF(rect()).adjusted(0.5, 0.5, -0.5, -0.5), M::cornerRadius, M::cornerRadius);
+    return path;
 }
 
 #include "overlayview.moc"

@@ -1,6 +1,9 @@
 #pragma once
 
+#include <QPixmap>
 #include <QWidget>
+
+class QPainterPath;
 
 class AnswerText;
 class AppSettings;
@@ -31,6 +34,7 @@ protected:
     void paintEvent(QPaintEvent* event) override;
 
 private:
+    QPainterPath outline() const;
     void buildHeader(QWidget* header);
     void buildStrip(QWidget* strip);
     void buildAnswerArea();
@@ -62,4 +66,5 @@ private:
 
     QWidget* noticeBar_ = nullptr;
     QLabel* noticeText_ = nullptr;
+    QPixmap background_;
 };
