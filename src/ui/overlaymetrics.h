@@ -24,7 +24,7 @@ inline constexpr int healthDot = 6;
 inline constexpr int healthGap = 4;
 inline constexpr int healthFontPx = 11;
 inline constexpr int iconPx = 14;
-inline constexpr int iconButton = 24;
+inline constexpr int iconButton = 22;
 inline constexpr int iconSpacing = 2;
 
 // Transcript strip.

@@ -199,6 +199,8 @@ void OverlayViewTest::showsTheSessionState() {
     Rig rig;
     rig.run(steps);
     QCOMPARE(rig.shown(), shown);
+    // Every state fits the panel's smallest size.
+    QVERIFY(rig.view.minimumSizeHint().width() <= 320);
 }
 
 // An utterance longer than the strip's two lines is cut at its beginning, so the newest words show.
