@@ -1,6 +1,7 @@
 #include "appsettings.h"
 #include "testenvironment.h"
 
+#include <QFile>
 #include <QSettings>
 #include <QSignalSpy>
 #include <QTest>
@@ -90,6 +91,9 @@ void AppSettingsTest::keysAndTypesInTheFile() {
         settings.setOverlayOpacity(0.8);
         settings.setUseMic(false);
         settings.setEmail(QStringLiteral("true"));
+        // On disk at once, for another process (the settings window of a second instance) to read.
+        QFile file(path);
+        QVERIFY(file.open(QIODevice::ReadOnly) && file.readAll().contains("useMic=false"));
     }
     QSettings raw(path, QSettings::IniFormat);
     QCOMPARE(raw.allKeys(), (QStringList{"email", "overlayOpacity", "useMic"}));

@@ -15,15 +15,13 @@
 #include <QRegularExpression>
 #include <QTest>
 
+Q_DECLARE_METATYPE(TestHttpServer::Response)
+
 namespace {
 
 QByteArray textLine(const QByteArray& text) {
     return R"(data: {"type":"text","text":")" + text + "\"}\n";
 }
-
-// Everything after the answer: the timing line with its two figures.
-const QRegularExpression timingLine(
-    QStringLiteral(R"(^\n\n\[first text after (\d+\.\d\d)s, done after (\d+\.\d\d)s\]\n$)"));
 
 }  // namespace
 
@@ -34,15 +32,11 @@ private slots:
     void init();
     void cleanup();
 
-    void argumentRule_data();
-    void argumentRule();
-
-    void streamedAnswer();
-    void piecesAreFlushedAsTheyArrive();
-    void emptyStream();
-    void serverErrorMidStream();
-    void refusedRequest();
-    void noToken();
+    void testFlagMustBeTheFirstArgument_data();
+    void testFlagMustBeTheFirstArgument();
+    void answerTestPrintsTheAnswerOrTheError_data();
+    void answerTestPrintsTheAnswerOrTheError();
+    void answerPiecesAreFlushedAsTheyArrive();
     void profileTextsGoWithTheQuestion_data();
     void profileTextsGoWithTheQuestion();
     void tokenFileUsedWithoutSessionBus();
@@ -50,8 +44,6 @@ private slots:
     void desktopStartsWithoutTestArguments();
 
 private:
-    QProcessEnvironment environment() const;
-
     std::unique_ptr<TestHome> home_;
     std::unique_ptr<TestHttpServer> server_;
 };
@@ -60,6 +52,7 @@ void CommandLineTest::init() {
     home_ = std::make_unique<TestHome>();
     server_ = std::make_unique<TestHttpServer>();
     QVERIFY(server_->listen());
+    server_->respondWith(TestHttpServer::Response::stream({{textLine("ok"), 0}}));
     home_->environment().set("TALLOWIND_SERVER", server_->url().toString().toUtf8());
     home_->environment().set("TALLOWIND_TOKEN", "cli-token");
 }
@@ -69,66 +62,87 @@ void CommandLineTest::cleanup() {
     home_.reset();
 }
 
-QProcessEnvironment CommandLineTest::environment() const {
-    return QProcessEnvironment::systemEnvironment();
-}
-
-void CommandLineTest::argumentRule_data() {
+void CommandLineTest::testFlagMustBeTheFirstArgument_data() {
     QTest::addColumn<QStringList>("arguments");
     QTest::addColumn<int>("test");  // -1: the desktop application
     QTest::addColumn<QString>("argument");
-    const int answer = int(CLI::Test::answer);
-    const int speech = int(CLI::Test::speech);
-    QTest::newRow("no arguments") << QStringList{"tallowind"} << -1 << "";
     QTest::newRow("flag alone") << QStringList{"tallowind", "--test-answer"} << -1 << "";
-    QTest::newRow("answer") << QStringList{"tallowind", "--test-answer", "Why us?"} << answer << "Why us?";
     QTest::newRow("further arguments ignored")
-        << QStringList{"tallowind", "--test-answer", "Tell me about yourself", "extra"} << answer
-        << "Tell me about yourself";
-    QTest::newRow("speech") << QStringList{"tallowind", "--test-stt", "a.wav"} << speech << "a.wav";
+        << QStringList{"tallowind", "--test-answer", "", "extra"} << int(CLI::Test::answer) << "";
+    QTest::newRow("speech") << QStringList{"tallowind", "--test-stt", "a.wav"} << int(CLI::Test::speech)
+                            << "a.wav";
     QTest::newRow("other letter case") << QStringList{"tallowind", "--TEST-ANSWER", "q"} << -1 << "";
     QTest::newRow("flag second") << QStringList{"tallowind", "--verbose", "--test-answer", "q"} << -1 << "";
-    QTest::newRow("empty question") << QStringList{"tallowind", "--test-answer", ""} << answer << "";
 }
 
-void CommandLineTest::argumentRule() {
+void CommandLineTest::testFlagMustBeTheFirstArgument() {
     QFETCH(QStringList, arguments);
     QFETCH(int, test);
     QFETCH(QString, argument);
     const auto request = CLI::requestedTest(arguments);
-    QCOMPARE(request.has_value(), test >= 0);
-    if (request) {
-        QCOMPARE(int(request->test), test);
-        QCOMPARE(request->argument, argument);
+    QCOMPARE(request ? int(request->test) : -1, test);
+    QCOMPARE(request ? request->argument : QString(), argument);
+}
+
+void CommandLineTest::answerTestPrintsTheAnswerOrTheError_data() {
+    QTest::addColumn<bool>("signedIn");
+    QTest::addColumn<TestHttpServer::Response>("response");
+    QTest::addColumn<int>("exitCode");
+    QTest::addColumn<QString>("out");  // a pattern
+    QTest::addColumn<QByteArray>("err");
+    using R = TestHttpServer::Response;
+    const QString timing = QStringLiteral(R"(\n\n\[first text after %1s, done after \d+\.\d\ds\]\n)");
+    QTest::newRow("streamed answer") << true
+                                     << R::stream({{textLine("Hello"), 0},
+                                                   {": c\n", 10},
+                                                   {textLine(", I am Ada."), 10},
+                                                   {"data: {\"type\":\"done\"}\n", 0}})
+                                     << 0 << "Hello, I am Ada." + timing.arg(R"(\d+\.\d\d)") << QByteArray();
+    QTest::newRow("nothing streamed")
+        << true << R::stream({{"\n\nevent: end\n", 0}}) << 0 << timing.arg("0.00") << QByteArray();
+    QTest::newRow("error mid-stream")
+        << true
+        << R::stream({{textLine("Partial "), 0},
+                      {"data: {\"type\":\"error\",\"message\":\"The model stopped.\"}\n", 10},
+                      {textLine("never"), 10}})
+        << 1 << "Partial " << QByteArray("error: The model stopped.\n");
+    QTest::newRow("refused") << true << R::json(500, "oops") << 1 << ""
+                             << QByteArray("error: Tallowind's server returned an error (500).\n");
+    QTest::newRow("not signed in") << false << R::json(200, "") << 1 << ""
+                                   << QByteArray("error: Please sign in again.\n");
+}
+
+void CommandLineTest::answerTestPrintsTheAnswerOrTheError() {
+    QFETCH(bool, signedIn);
+    QFETCH(TestHttpServer::Response, response);
+    QFETCH(int, exitCode);
+    QFETCH(QString, out);
+    QFETCH(QByteArray, err);
+    if (!signedIn) {
+        home_->environment().unset("TALLOWIND_TOKEN");
+    }
+    server_->respondWith(response);
+    const auto result = runTallowind({"--test-answer", "Tell me about yourself"});
+    QCOMPARE(result.exitCode, exitCode);
+    QCOMPARE(result.err, err);
+    QVERIFY2(QRegularExpression(QRegularExpression::anchoredPattern(out)).match(result.out).hasMatch(),
+             result.out.constData());
+    QCOMPARE(server_->received().size(), signedIn ? 1 : 0);
+    if (signedIn) {
+        QCOMPARE(QJsonDocument::fromJson(server_->received().first().body)["question"].toString(),
+                 QStringLiteral("Tell me about yourself"));
     }
 }
 
-void CommandLineTest::streamedAnswer() {
-    server_->respondWith(TestHttpServer::Response::stream({{textLine("Hello"), 0},
-                                                           {": comment\n", 10},
-                                                           {textLine(", I am Ada."), 10},
-                                                           {"data: {\"type\":\"done\"}\n", 0}}));
-    const auto result = runTallowind({"--test-answer", "Tell me about yourself"}, 20'000, environment());
-    QCOMPARE(result.exitCode, 0);
-    QVERIFY(result.err.isEmpty());
-    QVERIFY(result.out.startsWith("Hello, I am Ada.\n\n["));
-    const auto match = timingLine.match(QString::fromUtf8(result.out.mid(16)));
-    QVERIFY2(match.hasMatch(), result.out.constData());
-    QVERIFY(match.captured(1).toDouble() <= match.captured(2).toDouble());
-    QCOMPARE(server_->received().size(), 1);
-    QCOMPARE(QJsonDocument::fromJson(server_->received().first().body).object().value("question").toString(),
-             QStringLiteral("Tell me about yourself"));
-}
-
-void CommandLineTest::piecesAreFlushedAsTheyArrive() {
+void CommandLineTest::answerPiecesAreFlushedAsTheyArrive() {
     server_->respondWith(
         TestHttpServer::Response::stream({{textLine("first"), 0}, {textLine(" second"), 1500}}));
     QProcess process;
     process.start(tallowindBinary(), {"--test-answer", "q"});
-    // The first piece is readable long before the server sends the second.
     QByteArray out;
     connect(&process, &QProcess::readyReadStandardOutput, this,
             [&] { out += process.readAllStandardOutput(); });
+    // The first piece is readable long before the server sends the second.
     QTRY_COMPARE_WITH_TIMEOUT(out, QByteArray("first"), 1200);
     QCOMPARE(process.state(), QProcess::Running);
     QTRY_COMPARE_WITH_TIMEOUT(process.state(), QProcess::NotRunning, 10'000);
@@ -136,52 +150,14 @@ void CommandLineTest::piecesAreFlushedAsTheyArrive() {
     QVERIFY(out.startsWith("first second\n\n[first text after "));
 }
 
-void CommandLineTest::emptyStream() {
-    server_->respondWith(TestHttpServer::Response::stream({{"\n\nevent: end\n", 0}}));
-    const auto result = runTallowind({"--test-answer", "q"}, 20'000, environment());
-    QCOMPARE(result.exitCode, 0);
-    QVERIFY(result.err.isEmpty());
-    const auto match = timingLine.match(QString::fromUtf8(result.out));
-    QVERIFY2(match.hasMatch(), result.out.constData());
-    QCOMPARE(match.captured(1), QStringLiteral("0.00"));
-}
-
-void CommandLineTest::serverErrorMidStream() {
-    server_->respondWith(TestHttpServer::Response::stream(
-        {{textLine("Partial "), 0},
-         {"data: {\"type\":\"error\",\"message\":\"The model stopped.\"}\n", 10},
-         {textLine("never"), 10}}));
-    const auto result = runTallowind({"--test-answer", "q"}, 20'000, environment());
-    QCOMPARE(result.exitCode, 1);
-    QCOMPARE(result.out, QByteArray("Partial "));
-    QCOMPARE(result.err, QByteArray("error: The model stopped.\n"));
-}
-
-void CommandLineTest::refusedRequest() {
-    server_->respondWith(TestHttpServer::Response::json(500, "oops"));
-    const auto result = runTallowind({"--test-answer", "q"}, 20'000, environment());
-    QCOMPARE(result.exitCode, 1);
-    QVERIFY(result.out.isEmpty());
-    QCOMPARE(result.err, QByteArray("error: Tallowind's server returned an error (500).\n"));
-}
-
-void CommandLineTest::noToken() {
-    home_->environment().unset("TALLOWIND_TOKEN");
-    const auto result = runTallowind({"--test-answer", "q"}, 20'000, environment());
-    QCOMPARE(result.exitCode, 1);
-    QVERIFY(result.out.isEmpty());
-    QCOMPARE(result.err, QByteArray("error: Please sign in again.\n"));
-    QVERIFY(server_->received().isEmpty());
-}
-
 void CommandLineTest::profileTextsGoWithTheQuestion_data() {
-    QTest::addColumn<QString>("resumeFile");  // "-": unset; "missing": a path that cannot be read
+    QTest::addColumn<QString>("resumeFile");  // empty: unset
     QTest::addColumn<QString>("expectedResume");
-    QTest::newRow("stored resume") << "-"
+    QTest::newRow("stored resume") << ""
                                    << "Stored resume";
-    QTest::newRow("resume file") << "file"
+    QTest::newRow("resume file") << "resume.txt"
                                  << "Resume from file\n";
-    QTest::newRow("unreadable resume file") << "missing"
+    QTest::newRow("unreadable resume file") << "no/such/resume.pdf"
                                             << "Stored resume";
 }
 
@@ -194,18 +170,13 @@ void CommandLineTest::profileTextsGoWithTheQuestion() {
         settings.setJobDescription(QStringLiteral("Platform team"));
         settings.setExtraInstructions(QStringLiteral("Mention Rust."));
     }
-    if (resumeFile == "file") {
-        QFile file(home_->path() + "/resume.txt");
-        QVERIFY(file.open(QIODevice::WriteOnly));
-        file.write("Resume from file\n");
-        home_->environment().set("TALLOWIND_RESUME", file.fileName().toUtf8());
-    } else if (resumeFile == "missing") {
-        home_->environment().set("TALLOWIND_RESUME", (home_->path() + "/no/such/resume.pdf").toUtf8());
+    QFile file(home_->path() + "/resume.txt");
+    QVERIFY(file.open(QIODevice::WriteOnly) && file.write("Resume from file\n") > 0);
+    file.close();
+    if (!resumeFile.isEmpty()) {
+        home_->environment().set("TALLOWIND_RESUME", (home_->path() + '/' + resumeFile).toUtf8());
     }
-    server_->respondWith(TestHttpServer::Response::stream({{textLine("ok"), 0}}));
-    const auto result = runTallowind({"--test-answer", "q"}, 20'000, environment());
-    QCOMPARE(result.exitCode, 0);
-    QVERIFY(result.err.isEmpty());
+    QCOMPARE(runTallowind({"--test-answer", "q"}).exitCode, 0);
     const QJsonObject body = QJsonDocument::fromJson(server_->received().value(0).body).object();
     QCOMPARE(body.value("resume").toString(), expectedResume);
     QCOMPARE(body.value("jobDescription").toString(), QStringLiteral("Platform team"));
@@ -220,16 +191,13 @@ void CommandLineTest::tokenFileUsedWithoutSessionBus() {
     home_->environment().unset("DISPLAY");
     QVERIFY(makeFileTokenStore(Keychain::tokenFilePath())->save(QStringLiteral("from-file")) ==
             TokenStore::Availability::answered);
-    server_->respondWith(TestHttpServer::Response::stream({{textLine("ok"), 0}}));
-    const auto result = runTallowind({"--test-answer", "q"}, 20'000, environment());
-    QCOMPARE(result.exitCode, 0);
+    QCOMPARE(runTallowind({"--test-answer", "q"}).exitCode, 0);
     QCOMPARE(server_->received().value(0).header("authorization"), QByteArray("Bearer from-file"));
 }
 
 void CommandLineTest::silentSecretServiceGivesUpWithinBound() {
     // A bus that accepts connections and never says a word.
     QLocalServer silent;
-    QLocalServer::removeServer(home_->path() + "/silent-bus");
     QVERIFY(silent.listen(home_->path() + "/silent-bus"));
     QList<QLocalSocket*> held;
     connect(&silent, &QLocalServer::newConnection, this, [&] {
@@ -241,10 +209,9 @@ void CommandLineTest::silentSecretServiceGivesUpWithinBound() {
     home_->environment().set("TALLOWIND_TOKEN_STORE", "secret-service");
     home_->environment().set("DBUS_SESSION_BUS_ADDRESS", ("unix:path=" + silent.fullServerName()).toUtf8());
     home_->environment().unset("DISPLAY");
-
     QElapsedTimer clock;
     clock.start();
-    const auto result = runTallowind({"--test-answer", "q"}, 20'000, environment());
+    const auto result = runTallowind({"--test-answer", "q"});
     QCOMPARE(result.exitCode, 1);
     QCOMPARE(result.err, QByteArray("error: Please sign in again.\n"));
     // Three seconds for the lookup, plus start-up and the bounded wait at exit.
@@ -253,7 +220,7 @@ void CommandLineTest::silentSecretServiceGivesUpWithinBound() {
 }
 
 void CommandLineTest::desktopStartsWithoutTestArguments() {
-    QProcessEnvironment desktop = environment();
+    QProcessEnvironment desktop = QProcessEnvironment::systemEnvironment();
     desktop.insert(QStringLiteral("QT_QPA_PLATFORM"), QStringLiteral("offscreen"));
     QProcess process;
     process.setProcessEnvironment(desktop);

@@ -58,42 +58,26 @@ private slots:
         QTest::addColumn<QStringList>("arguments");
         QTest::addColumn<QStringList>("variables");
         QTest::addColumn<QString>("expected");
-
-        const QString defaults = QStringLiteral(
-            "/home/ann/.local/share/tallowind-server dev=0 minutes=600 timeout=30000 "
+        const auto row = [](const char* name, const QStringList& arguments, const QStringList& variables,
+                            const char* expected) {
+            QTest::newRow(name) << arguments << variables << QString::fromLatin1(expected);
+        };
+        row("defaults", {}, {},
+            "127.0.0.1:8787 /home/ann/.local/share/tallowind-server dev=0 minutes=600 timeout=30000 "
             "threads=64");
-        QTest::newRow("defaults") << QStringList() << QStringList()
-                                  << QStringLiteral("127.0.0.1:8787 ") + defaults;
-        QTest::newRow("data under XDG_DATA_HOME")
-            << QStringList() << QStringList{QStringLiteral("XDG_DATA_HOME=/srv/xdg")}
-            << QStringLiteral(
-                   "127.0.0.1:8787 /srv/xdg/tallowind-server dev=0 minutes=600 timeout=30000 threads=64");
-        QTest::newRow("listen flag") << QStringList{QStringLiteral("--listen"),
-                                                    QStringLiteral("0.0.0.0:9000")}
-                                     << QStringList() << QStringLiteral("0.0.0.0:9000 ") + defaults;
-        QTest::newRow("flag with equals sign") << QStringList{QStringLiteral("--listen=127.0.0.1:0")}
-                                               << QStringList() << QStringLiteral("127.0.0.1:0 ") + defaults;
-        QTest::newRow("variable") << QStringList()
-                                  << QStringList{QStringLiteral("TALLOWIND_SERVER_LISTEN=10.0.0.5:80")}
-                                  << QStringLiteral("10.0.0.5:80 ") + defaults;
-        QTest::newRow("the flag beats the variable")
-            << QStringList{QStringLiteral("--minutes-limit"), QStringLiteral("30")}
-            << QStringList{QStringLiteral("TALLOWIND_SERVER_MINUTES_LIMIT=90")}
-            << QStringLiteral(
-                   "127.0.0.1:8787 /home/ann/.local/share/tallowind-server dev=0 minutes=30 timeout=30000 "
-                   "threads=64");
-        QTest::newRow("development mode on IPv6 loopback")
-            << QStringList{QStringLiteral("--dev"), QStringLiteral("--listen"), QStringLiteral("[::1]:8787")}
-            << QStringList()
-            << QStringLiteral(
-                   "::1:8787 /home/ann/.local/share/tallowind-server dev=1 minutes=600 timeout=30000 "
-                   "threads=64");
-        QTest::newRow("variables for everything else")
-            << QStringList{QStringLiteral("--data"), QStringLiteral("/var/lib/tw")}
-            << QStringList{QStringLiteral("TALLOWIND_SERVER_DEV=1"),
-                           QStringLiteral("TALLOWIND_SERVER_LLM_TIMEOUT=2.5"),
-                           QStringLiteral("TALLOWIND_SERVER_THREADS=8")}
-            << QStringLiteral("127.0.0.1:8787 /var/lib/tw dev=1 minutes=600 timeout=2500 threads=8");
+        row("data under XDG_DATA_HOME", {}, {"XDG_DATA_HOME=/srv/xdg"},
+            "127.0.0.1:8787 /srv/xdg/tallowind-server dev=0 minutes=600 timeout=30000 threads=64");
+        row("flag with equals sign", {"--listen=0.0.0.0:9000"}, {},
+            "0.0.0.0:9000 /home/ann/.local/share/tallowind-server dev=0 minutes=600 timeout=30000 "
+            "threads=64");
+        row("the flag beats the variable", {"--minutes-limit", "30"},
+            {"TALLOWIND_SERVER_MINUTES_LIMIT=90", "TALLOWIND_SERVER_LISTEN=10.0.0.5:80"},
+            "10.0.0.5:80 /home/ann/.local/share/tallowind-server dev=0 minutes=30 timeout=30000 threads=64");
+        row("development mode on IPv6 loopback", {"--dev", "--listen", "[::1]:8787"}, {},
+            "::1:8787 /home/ann/.local/share/tallowind-server dev=1 minutes=600 timeout=30000 threads=64");
+        row("variables for everything else", {"--data", "/var/lib/tw"},
+            {"TALLOWIND_SERVER_DEV=1", "TALLOWIND_SERVER_LLM_TIMEOUT=2.5", "TALLOWIND_SERVER_THREADS=4096"},
+            "127.0.0.1:8787 /var/lib/tw dev=1 minutes=600 timeout=2500 threads=4096");
     }
 
     void settingsComeFromFlagsThenVariablesThenDefaults() {
@@ -110,35 +94,25 @@ private slots:
         QTest::addColumn<QStringList>("arguments");
         QTest::addColumn<QStringList>("variables");
         QTest::addColumn<QString>("reason");
-
-        QTest::newRow("development mode on every address")
-            << QStringList{QStringLiteral("--dev"), QStringLiteral("--listen"),
-                           QStringLiteral("0.0.0.0:8787")}
-            << QStringList() << QStringLiteral("only listens on loopback");
-        QTest::newRow("development mode from variables on a public address")
-            << QStringList()
-            << QStringList{QStringLiteral("TALLOWIND_SERVER_DEV=1"),
-                           QStringLiteral("TALLOWIND_SERVER_LISTEN=192.168.1.2:8787")}
-            << QStringLiteral("only listens on loopback");
-        QTest::newRow("listen without a port")
-            << QStringList{QStringLiteral("--listen"), QStringLiteral("localhost")} << QStringList()
-            << QStringLiteral("expects HOST:PORT");
-        QTest::newRow("port out of range")
-            << QStringList{QStringLiteral("--listen=127.0.0.1:70000")} << QStringList()
-            << QStringLiteral("expects a port from 0 to 65535");
-        QTest::newRow("a word for a number")
-            << QStringList() << QStringList{QStringLiteral("TALLOWIND_SERVER_MINUTES_LIMIT=lots")}
-            << QStringLiteral("TALLOWIND_SERVER_MINUTES_LIMIT expects a whole number");
-        QTest::newRow("a flag without its value") << QStringList{QStringLiteral("--data")} << QStringList()
-                                                  << QStringLiteral("--data needs a value (DIR)");
-        QTest::newRow("an unknown flag") << QStringList{QStringLiteral("--verbose")} << QStringList()
-                                         << QStringLiteral("unknown option '--verbose'");
-        QTest::newRow("a model address without a model")
-            << QStringList{QStringLiteral("--llm-url"), QStringLiteral("http://127.0.0.1:11434/v1")}
-            << QStringList() << QStringLiteral("--llm-url needs --llm-model too");
-        QTest::newRow("a mail server without a sender")
-            << QStringList{QStringLiteral("--smtp-url=smtp://127.0.0.1:25")} << QStringList()
-            << QStringLiteral("--smtp-url needs --smtp-from too");
+        const auto row = [](const char* name, const QStringList& arguments, const QStringList& variables,
+                            const char* reason) {
+            QTest::newRow(name) << arguments << variables << QString::fromLatin1(reason);
+        };
+        row("development mode on every address", {"--dev", "--listen", "0.0.0.0:8787"}, {},
+            "only listens on loopback");
+        row("development mode from variables on a public address", {},
+            {"TALLOWIND_SERVER_DEV=1", "TALLOWIND_SERVER_LISTEN=192.168.1.2:8787"},
+            "only listens on loopback");
+        row("listen without a port", {"--listen", "localhost"}, {}, "expects HOST:PORT");
+        row("port out of range", {"--listen=127.0.0.1:70000"}, {}, "expects a port from 0 to 65535");
+        row("a word for a number", {}, {"TALLOWIND_SERVER_MINUTES_LIMIT=lots"},
+            "TALLOWIND_SERVER_MINUTES_LIMIT expects a whole number");
+        row("a flag without its value", {"--data"}, {}, "--data needs a value (DIR)");
+        row("an unknown flag", {"--verbose"}, {}, "unknown option '--verbose'");
+        row("a model address without a model", {"--llm-url", "http://127.0.0.1:11434/v1"}, {},
+            "--llm-url needs --llm-model too");
+        row("a mail server without a sender", {"--smtp-url=smtp://127.0.0.1:25"}, {},
+            "--smtp-url needs --smtp-from too");
     }
 
     void unusableSettingsAreRefusedWithTheReason() {

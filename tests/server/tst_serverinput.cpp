@@ -14,10 +14,6 @@ namespace {
 
 enum class Auth { none, unknown, valid };
 
-QByteArray oversized() {
-    return R"({"email":")" + QByteArray(2 << 20, 'a') + R"("})";
-}
-
 QByteArray answerBody(const QByteArray& replace = {}, const QByteArray& with = {}) {
     QByteArray body =
         R"({"question":"Why us?","transcript":[{"speaker":"interviewer","text":"Hi"}],"resume":"Go developer",)"
@@ -37,123 +33,73 @@ class TestServerInput : public QObject {
 
 private slots:
     void badRequestsAreRefusedWithASentence_data() {
-        QTest::addColumn<QByteArray>("method");
-        QTest::addColumn<QByteArray>("path");
+        QTest::addColumn<QByteArray>("request");  // method and path
         QTest::addColumn<Auth>("auth");
         QTest::addColumn<QByteArray>("body");
         QTest::addColumn<int>("status");
         QTest::addColumn<QString>("error");
-
-        const QByteArray post = "POST";
-        const QByteArray get = "GET";
+        const auto row = [](const char* name, const char* request, Auth auth, const QByteArray& body,
+                            int status, const QString& error) {
+            QTest::newRow(name) << QByteArray(request) << auth << body << status << error;
+        };
         const QString notJson = QStringLiteral("The request body isn't valid JSON.");
         const QString signedOut = QStringLiteral("Your sign-in has ended. Sign in again.");
         const QString seconds = QStringLiteral("The field \"sttSeconds\" must be from 1 to 120 seconds.");
         const QString line = QStringLiteral(
             "Each transcript line needs a \"speaker\" (\"interviewer\" or \"me\") and a \"text\" string.");
-
-        QTest::newRow("start: empty body")
-            << post << QByteArray("/auth/start") << Auth::none << QByteArray() << 400
-            << QStringLiteral("The request needs a JSON object as its body.");
-        QTest::newRow("start: cut-off JSON") << post << QByteArray("/auth/start") << Auth::none
-                                             << QByteArray(R"({"email":)") << 400 << notJson;
-        QTest::newRow("start: invalid UTF-8") << post << QByteArray("/auth/start") << Auth::none
-                                              << QByteArray("{\"email\":\"a\xff@b.co\"}") << 400 << notJson;
-        QTest::newRow("start: an array")
-            << post << QByteArray("/auth/start") << Auth::none << QByteArray(R"(["a@b.co"])") << 400
-            << QStringLiteral("The request body must be a JSON object.");
-        QTest::newRow("start: no email")
-            << post << QByteArray("/auth/start") << Auth::none << QByteArray("{}") << 400
-            << QStringLiteral("The request lacks the field \"email\".");
-        QTest::newRow("start: email a number")
-            << post << QByteArray("/auth/start") << Auth::none << QByteArray(R"({"email":5})") << 400
-            << QStringLiteral("The field \"email\" must be a string.");
-        QTest::newRow("start: not an address")
-            << post << QByteArray("/auth/start") << Auth::none << QByteArray(R"({"email":"nobody"})") << 400
-            << QStringLiteral("Enter a valid e-mail address.");
-        QTest::newRow("start: oversized")
-            << post << QByteArray("/auth/start") << Auth::none << oversized() << 413
-            << QStringLiteral(
-                   "The request is too large: this server accepts at most 1048576 "
-                   "bytes.");
-        QTest::newRow("verify: no code")
-            << post << QByteArray("/auth/verify") << Auth::none << QByteArray(R"({"email":"a@b.co"})") << 400
-            << QStringLiteral("The request lacks the field \"code\".");
-        QTest::newRow("verify: code a number") << post << QByteArray("/auth/verify") << Auth::none
-                                               << QByteArray(R"({"email":"a@b.co","code":123456})") << 400
-                                               << QStringLiteral("The field \"code\" must be a string.");
-        QTest::newRow("verify: nothing requested")
-            << post << QByteArray("/auth/verify") << Auth::none
-            << QByteArray(R"({"email":"a@b.co","code":"123456"})") << 400
-            << QStringLiteral("This code has expired or was already used. Request a new code.");
-        QTest::newRow("sign-out: no token")
-            << post << QByteArray("/auth/signout") << Auth::none << QByteArray("{}") << 401 << signedOut;
-        QTest::newRow("sign-out: unknown token")
-            << post << QByteArray("/auth/signout") << Auth::unknown << QByteArray("{}") << 401 << signedOut;
-        QTest::newRow("me: unknown token")
-            << get << QByteArray("/me") << Auth::unknown << QByteArray() << 401 << signedOut;
-        QTest::newRow("speech token: no token")
-            << get << QByteArray("/stt-token") << Auth::none << QByteArray() << 401 << signedOut;
-        QTest::newRow("usage: unknown token") << post << QByteArray("/usage") << Auth::unknown
-                                              << QByteArray(R"({"sttSeconds":5})") << 401 << signedOut;
-        QTest::newRow("usage: no seconds")
-            << post << QByteArray("/usage") << Auth::valid << QByteArray("{}") << 400
-            << QStringLiteral("The request lacks the field \"sttSeconds\".");
-        QTest::newRow("usage: seconds as text")
-            << post << QByteArray("/usage") << Auth::valid << QByteArray(R"({"sttSeconds":"5"})") << 400
-            << QStringLiteral("The field \"sttSeconds\" must be a number.");
-        QTest::newRow("usage: seconds as a boolean")
-            << post << QByteArray("/usage") << Auth::valid << QByteArray(R"({"sttSeconds":true})") << 400
-            << QStringLiteral("The field \"sttSeconds\" must be a number.");
-        QTest::newRow("usage: under a second") << post << QByteArray("/usage") << Auth::valid
-                                               << QByteArray(R"({"sttSeconds":0.5})") << 400 << seconds;
-        QTest::newRow("usage: negative") << post << QByteArray("/usage") << Auth::valid
-                                         << QByteArray(R"({"sttSeconds":-60})") << 400 << seconds;
-        QTest::newRow("usage: more than a report can hold")
-            << post << QByteArray("/usage") << Auth::valid << QByteArray(R"({"sttSeconds":121})") << 400
-            << seconds;
-        QTest::newRow("usage: beyond a double") << post << QByteArray("/usage") << Auth::valid
-                                                << QByteArray(R"({"sttSeconds":1e400})") << 400 << notJson;
-        QTest::newRow("answer: no token")
-            << post << QByteArray("/answer") << Auth::none << answerBody() << 401 << signedOut;
-        QTest::newRow("answer: no question")
-            << post << QByteArray("/answer") << Auth::valid << answerBody(R"("question":"Why us?",)", "")
-            << 400 << QStringLiteral("The request lacks the field \"question\".");
-        QTest::newRow("answer: blank question")
-            << post << QByteArray("/answer") << Auth::valid << answerBody("Why us?", " \\n ") << 400
-            << QStringLiteral("There is no question to answer.");
-        QTest::newRow("answer: resume a list")
-            << post << QByteArray("/answer") << Auth::valid << answerBody(R"("Go developer")", R"(["Go"])")
-            << 400 << QStringLiteral("The field \"resume\" must be a string.");
-        QTest::newRow("answer: no transcript")
-            << post << QByteArray("/answer") << Auth::valid
-            << answerBody(R"("transcript":[{"speaker":"interviewer","text":"Hi"}],)", "") << 400
-            << QStringLiteral("The request lacks the field \"transcript\".");
-        QTest::newRow("answer: transcript a string")
-            << post << QByteArray("/answer") << Auth::valid
-            << answerBody(R"([{"speaker":"interviewer","text":"Hi"}])", R"("Hi")") << 400
-            << QStringLiteral("The field \"transcript\" must be a list of lines.");
-        QTest::newRow("answer: unknown speaker") << post << QByteArray("/answer") << Auth::valid
-                                                 << answerBody("interviewer", "narrator") << 400 << line;
-        QTest::newRow("answer: line without text") << post << QByteArray("/answer") << Auth::valid
-                                                   << answerBody(R"(,"text":"Hi")", "") << 400 << line;
-        QTest::newRow("answer: oversized")
-            << post << QByteArray("/answer") << Auth::valid
-            << answerBody("Go developer", QByteArray(2 << 20, 'x')) << 413
-            << QStringLiteral(
-                   "The request is too large: this server accepts at most 1048576 "
-                   "bytes.");
-        QTest::newRow("unknown path")
-            << get << QByteArray("/admin") << Auth::valid << QByteArray() << 404
-            << QStringLiteral("There is nothing at this address on the Tallowind server.");
-        QTest::newRow("releases when none are configured")
-            << get << QByteArray("/releases/latest.json") << Auth::none << QByteArray() << 404
-            << QStringLiteral("There is nothing at this address on the Tallowind server.");
+        const QString nothingHere =
+            QStringLiteral("There is nothing at this address on the Tallowind server.");
+        const char* start = "POST /auth/start";
+        const char* usage = "POST /usage";
+        const char* answer = "POST /answer";
+        row("start: empty body", start, Auth::none, {}, 400,
+            QStringLiteral("The request needs a JSON object as its body."));
+        row("start: cut-off JSON", start, Auth::none, R"({"email":)", 400, notJson);
+        row("start: invalid UTF-8", start, Auth::none, "{\"email\":\"a\xff@b.co\"}", 400, notJson);
+        row("start: an array", start, Auth::none, R"(["a@b.co"])", 400,
+            QStringLiteral("The request body must be a JSON object."));
+        row("start: no email", start, Auth::none, "{}", 400,
+            QStringLiteral("The request lacks the field \"email\"."));
+        row("start: email a number", start, Auth::none, R"({"email":5})", 400,
+            QStringLiteral("The field \"email\" must be a string."));
+        row("start: not an address", start, Auth::none, R"({"email":"nobody"})", 400,
+            QStringLiteral("Enter a valid e-mail address."));
+        row("start: oversized", start, Auth::none, R"({"email":")" + QByteArray(2 << 20, 'a') + R"("})", 413,
+            QStringLiteral("The request is too large: this server accepts at most 1048576 bytes."));
+        row("verify: no code", "POST /auth/verify", Auth::none, R"({"email":"a@b.co"})", 400,
+            QStringLiteral("The request lacks the field \"code\"."));
+        row("verify: nothing requested", "POST /auth/verify", Auth::none,
+            R"({"email":"a@b.co","code":"123456"})", 400,
+            QStringLiteral("This code has expired or was already used. Request a new code."));
+        row("sign-out: unknown token", "POST /auth/signout", Auth::unknown, "{}", 401, signedOut);
+        row("me: unknown token", "GET /me", Auth::unknown, {}, 401, signedOut);
+        row("speech token: no token", "GET /stt-token", Auth::none, {}, 401, signedOut);
+        row("usage: no seconds", usage, Auth::valid, "{}", 400,
+            QStringLiteral("The request lacks the field \"sttSeconds\"."));
+        row("usage: seconds as text", usage, Auth::valid, R"({"sttSeconds":"5"})", 400,
+            QStringLiteral("The field \"sttSeconds\" must be a number."));
+        row("usage: under a second", usage, Auth::valid, R"({"sttSeconds":0.5})", 400, seconds);
+        row("usage: more than a report can hold", usage, Auth::valid, R"({"sttSeconds":121})", 400, seconds);
+        row("usage: beyond a double", usage, Auth::valid, R"({"sttSeconds":1e400})", 400, notJson);
+        row("answer: no token", answer, Auth::none, answerBody(), 401, signedOut);
+        row("answer: no question", answer, Auth::valid, answerBody(R"("question":"Why us?",)", ""), 400,
+            QStringLiteral("The request lacks the field \"question\"."));
+        row("answer: blank question", answer, Auth::valid, answerBody("Why us?", " \\n "), 400,
+            QStringLiteral("There is no question to answer."));
+        row("answer: resume a list", answer, Auth::valid, answerBody(R"("Go developer")", R"(["Go"])"), 400,
+            QStringLiteral("The field \"resume\" must be a string."));
+        row("answer: transcript a string", answer, Auth::valid,
+            answerBody(R"([{"speaker":"interviewer","text":"Hi"}])", R"("Hi")"), 400,
+            QStringLiteral("The field \"transcript\" must be a list of lines."));
+        row("answer: unknown speaker", answer, Auth::valid, answerBody("interviewer", "narrator"), 400, line);
+        row("answer: line without text", answer, Auth::valid, answerBody(R"(,"text":"Hi")", ""), 400, line);
+        row("unknown path", "GET /admin", Auth::valid, {}, 404, nothingHere);
+        row("releases when none are configured", "GET /releases/latest.json", Auth::none, {}, 404,
+            nothingHere);
     }
 
     void badRequestsAreRefusedWithASentence() {
-        QFETCH(QByteArray, method);
-        QFETCH(QByteArray, path);
+        QFETCH(QByteArray, request);
         QFETCH(Auth, auth);
         QFETCH(QByteArray, body);
         QFETCH(int, status);
@@ -167,7 +113,9 @@ private slots:
             token = std::string(64, 'f');
         }
 
-        const HttpCall reply = httpCall(server.port(), method.toStdString(), path.toStdString(), token, body);
+        const QList<QByteArray> methodAndPath = request.split(' ');
+        const HttpCall reply = httpCall(server.port(), methodAndPath[0].toStdString(),
+                                        methodAndPath[1].toStdString(), token, body);
         QCOMPARE(reply.status, status);
         QCOMPARE(reply.contentType, std::string("application/json"));
         QCOMPARE(reply.error(), error);

@@ -2,6 +2,8 @@
 #include "pulseserver.h"
 #include "testenvironment.h"
 
+#include <QLocalServer>
+#include <QLocalSocket>
 #include <QTemporaryDir>
 #include <QTest>
 #include <QThread>
@@ -18,12 +20,13 @@ private slots:
 };
 
 void MicrophoneAccessTest::grantedWithDefaultSource_data() {
-    QTest::addColumn<QString>("server");  // "devices", "empty" or "none"
+    QTest::addColumn<QString>("server");  // "devices", "empty", "none" or "wedged"
     QTest::addColumn<bool>("granted");
 
     QTest::newRow("server with a default input") << "devices" << true;
     QTest::newRow("server without any device") << "empty" << false;
     QTest::newRow("no server at all") << "none" << false;
+    QTest::newRow("a server that never answers") << "wedged" << false;
 }
 
 void MicrophoneAccessTest::grantedWithDefaultSource() {
@@ -33,7 +36,15 @@ void MicrophoneAccessTest::grantedWithDefaultSource() {
     std::optional<PulseServer> pulse;
     QTemporaryDir nowhere;
     ScopedEnvironment environment;
-    if (server == QLatin1String("none")) {
+    // Accepts the connection and then says nothing.
+    QLocalServer wedged;
+    QList<QLocalSocket*> held;
+    connect(&wedged, &QLocalServer::newConnection, this,
+            [&] { held.append(wedged.nextPendingConnection()); });
+    if (server == QLatin1String("wedged")) {
+        QVERIFY(wedged.listen(nowhere.filePath(QStringLiteral("socket"))));
+    }
+    if (server == QLatin1String("none") || server == QLatin1String("wedged")) {
         environment.set("PULSE_SERVER", "unix:" + nowhere.filePath(QStringLiteral("socket")).toUtf8());
     } else {
         pulse.emplace(server == QLatin1String("devices"));
@@ -49,7 +60,7 @@ void MicrophoneAccessTest::grantedWithDefaultSource() {
         answeredOnMainThread = QThread::currentThread() == QCoreApplication::instance()->thread();
     });
     QVERIFY(!answer.has_value());  // never before request() returns
-    QTRY_VERIFY(answer.has_value());
+    QTRY_VERIFY_WITH_TIMEOUT(answer.has_value(), 8000);
     QCOMPARE(*answer, granted);
     QVERIFY(answeredOnMainThread);
 }
