@@ -64,6 +64,7 @@ struct InlineCollector {
     int styles = AnswerText::Run::plain;
     QStringList links;
     int blocks = 0;
+    bool refused = false;
     bool prefixPending = true;
 
     void append(QString text, int extraStyles = 0) {
@@ -102,7 +103,11 @@ struct InlineCollector {
         // failed, and the line is shown as written rather than as a block.
         auto& c = *static_cast<InlineCollector*>(self);
         ++c.blocks;
-        return type == MD_BLOCK_DOC || (type == MD_BLOCK_P && c.blocks == 2) ? 0 : 1;
+        const bool expected = type == MD_BLOCK_DOC || (type == MD_BLOCK_P && c.blocks == 2);
+        // md4c does not always stop when asked: a setext heading ("text", a carriage return, "-") still
+        // ends the parse successfully, with no text reported. The collector remembers the refusal itself.
+        c.refused = c.refused || !expected;
+        return expected ? 0 : 1;
     }
     static int leaveBlock(MD_BLOCKTYPE, void*, void*) { return 0; }
 
@@ -292,7 +297,8 @@ QList<AnswerText::Run> AnswerText::inlineRuns(const QString& text) {
     parser.leave_span = &InlineCollector::leaveSpan;
     parser.text = &InlineCollector::text;
     InlineCollector collector;
-    if (md_parse(source.constData(), static_cast<MD_SIZE>(source.size()), &parser, &collector) != 0) {
+    if (md_parse(source.constData(), static_cast<MD_SIZE>(source.size()), &parser, &collector) != 0 ||
+        collector.refused) {
         return plainText;
     }
     QList<Run> runs;

@@ -40,6 +40,36 @@ constexpr std::array endpoints{
     Endpoint{"POST", "/answer"},     Endpoint{"GET", "/releases/"},
 };
 
+// Whether `response` holds a whole final response. The server keeps a connection open after refusing
+// a request it could not read (its Connection header unread), so the end of a response is found by its
+// own framing rather than by the connection's end.
+bool isComplete(const QByteArray& response) {
+    qsizetype start = 0;
+    while (response.sliced(start).startsWith("HTTP/1.1 1")) {  // interim responses, such as 100 Continue
+        const qsizetype end = response.indexOf("\r\n\r\n", start);
+        if (end < 0) {
+            return false;
+        }
+        start = end + 4;
+    }
+    const qsizetype headEnd = response.indexOf("\r\n\r\n", start);
+    if (headEnd < 0) {
+        return false;
+    }
+    const QByteArray head = response.sliced(start, headEnd - start).toLower();
+    const qsizetype body = headEnd + 4;
+    if (head.contains("\r\ntransfer-encoding: chunked")) {
+        return response.endsWith("\r\n0\r\n\r\n") || response.sliced(body).startsWith("0\r\n\r\n");
+    }
+    const qsizetype lengthAt = head.indexOf("\r\ncontent-length: ");
+    if (lengthAt < 0) {
+        return false;  // ends with the connection
+    }
+    const qsizetype valueAt = lengthAt + qsizetype(sizeof "\r\ncontent-length: ") - 1;
+    const qsizetype length = head.mid(valueAt, head.indexOf("\r\n", valueAt) - valueAt).toLongLong();
+    return response.size() - body >= length;
+}
+
 struct Exchange {
     QByteArray response;
     bool sentWhole = false;
@@ -75,7 +105,7 @@ Exchange exchange(int port, const QByteArray& request, bool halfClose) {
         ::shutdown(socket, SHUT_WR);
     }
     char buffer[16 * 1024];
-    for (;;) {
+    while (!isComplete(result.response)) {
         const ssize_t n = ::recv(socket, buffer, sizeof buffer, 0);
         if (n == 0 || (n < 0 && errno == ECONNRESET)) {
             break;

@@ -116,6 +116,8 @@ void AnswerTextTest::inlineStyling_data() {
     QTest::newRow("entities and escapes are read")
         << u"AT&amp;T \\*not\\*"_s << QStringList{u"-:AT&T *not*"_s};
     QTest::newRow("markup-like text is not HTML") << u"a <b>tag</b>"_s << QStringList{u"-:a <b>tag</b>"_s};
+    QTest::newRow("a carriage return and a dash do not make the line a heading that vanishes")
+        << u"Title\r-"_s << QStringList{u"-:Title\r-"_s};
 }
 
 void AnswerTextTest::inlineStyling() {
