@@ -70,7 +70,7 @@ int runService() {
         server.sendText(connection,
                         QStringLiteral(R"({"type":"Results","is_final":true,"speech_final":true,)"
                                        R"("channel":{"alternatives":[{"transcript":"still there?"}]}})"));
-        QTimer::singleShot(connectionLifeMs, &server, [&server, connection, opened] {
+        QTimer::singleShot(connectionLifeMs, &server, [&server, connection, opened, port] {
             server.drop(connection);
             if (opened % outageEvery == 0) {
                 server.close();
