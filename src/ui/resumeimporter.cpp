@@ -53,7 +53,8 @@ std::optional<QString> pdfText(const QByteArray& bytes) {
 }
 
 std::optional<QString> utf8Text(const QByteArray& bytes) {
-    QStringDecoder decoder(QStringConverter::Utf8);
+    // Stateless: a sequence cut off at the end of the file is an error, not the start of more input.
+    QStringDecoder decoder(QStringConverter::Utf8, QStringConverter::Flag::Stateless);
     QString text = decoder.decode(bytes);
     if (decoder.hasError()) {
         return std::nullopt;

@@ -38,6 +38,9 @@ void checkBlocksKeepLines(const QString& markdown, const QList<AnswerText::Block
         require(
             code || !trimmedLine(block.content).isEmpty() || block.kind == AnswerText::Block::Kind::bullet,
             "a text block has words");
+        if (code && block.content.isEmpty()) {
+            continue;  // a fence just opened, its lines still to come
+        }
         for (const QString& content : code ? block.content.split(u'\n') : QStringList{block.content}) {
             const auto taken = [&](QStringView line) {
                 return code ? line == content : !isFence(line) && line.contains(content);

@@ -63,6 +63,8 @@ void ResumeImporterTest::readsResumeFiles_data() {
         << std::optional<QString>(QStringLiteral("# Ren\u00e9e\n\n- C++\n"));
     QTest::newRow("latin-1 text with accents yields nothing")
         << "resume.txt" << QByteArray("Ren\351e M\374ller\n") << std::optional<QString>();
+    QTest::newRow("text whose last character is cut off yields nothing")
+        << "resume.txt" << QByteArray("Ren\303\251e\n\303") << std::optional<QString>();
     QTest::newRow("pdf text loses the blank lines and page feed at its end")
         << "resume.pdf" << pdfOf({resume}) << std::optional<QString>(resume);
     QTest::newRow("pdf extension in capitals is still read as a pdf")
