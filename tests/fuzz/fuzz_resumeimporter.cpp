@@ -40,7 +40,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     // leading byte order mark, which is no part of the text.
     const auto text = importAs(QStringLiteral("resume.txt"), bytes);
     const QByteArray kept = bytes.startsWith(byteOrderMark) ? bytes.mid(byteOrderMark.size()) : bytes;
-    const bool valid = QString::fromUtf8(kept).toUtf8() == kept;
+    // A letter in front keeps Qt from reading a second byte order mark as one too.
+    const bool valid = QString::fromUtf8("a" + kept).toUtf8() == "a" + kept;
     require(text.has_value() == valid, "text is refused when, and only when, it is not UTF-8");
     if (text) {
         require(text->toUtf8() == kept, "a text resume is kept exactly");
