@@ -27,8 +27,8 @@ QByteArray delta(const QString& text) {
 
 // A model that streams `pieces`, each after its delay, then "[DONE]".
 TestHttpServer::Response modelStream(const QList<QPair<QString, int>>& pieces) {
-    // Models open with a delta that carries only the role; it holds no text.
-    QList<TestHttpServer::Piece> body{{R"(data: {"choices":[{"delta":{"role":"assistant"}}]})"
+    // Models open with a delta that carries the role and empty content; it is no piece of the answer.
+    QList<TestHttpServer::Piece> body{{R"(data: {"choices":[{"delta":{"role":"assistant","content":""}}]})"
                                        "\n\n",
                                        0}};
     for (const auto& [text, delayMs] : pieces) {
