@@ -229,7 +229,10 @@ void CommandLineTest::desktopStartsWithoutTestArguments() {
     // The desktop application keeps running with no window; a test would have ended by now.
     QTest::qWait(1500);
     QCOMPARE(process.state(), QProcess::Running);
-    QVERIFY(server_->received().isEmpty());
+    // The desktop program may ask for a release at start, but it asks no question on its own.
+    for (const auto& request : server_->received()) {
+        QVERIFY2(!request.target.startsWith("/answer"), request.target.constData());
+    }
     process.terminate();
     QVERIFY(process.waitForFinished(5000));
 }
