@@ -31,8 +31,6 @@ static void initShellResources() {
 
 namespace {
 
-QPointer<AppDelegate> sharedDelegate;
-
 // How long the end of the program waits for the last usage report to leave.
 constexpr int lastReportWait = 3000;
 
@@ -121,10 +119,6 @@ AppDelegate::AppDelegate(SessionController& session, AppSettings& settings, Back
 
 AppDelegate::~AppDelegate() = default;
 
-AppDelegate* AppDelegate::shared() {
-    return sharedDelegate;
-}
-
 QWidget* AppDelegate::onboardingWindow() const {
     return onboarding_.get();
 }
@@ -134,7 +128,6 @@ QWidget* AppDelegate::settingsWindow() const {
 }
 
 void AppDelegate::launch() {
-    sharedDelegate = this;
 
     tray_ = std::make_unique<QSystemTrayIcon>(QIcon(QStringLiteral(":/shell/tray.svg")));
     tray_->setToolTip(QStringLiteral("Tallowind"));

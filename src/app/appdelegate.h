@@ -31,11 +31,9 @@ public:
                 QObject* parent = nullptr);
     ~AppDelegate() override;
 
-    // The running program's delegate, or null before launch and after it is gone.
-    static AppDelegate* shared();
-
-    // The launch sequence: window shortcuts, tray icon, global shortcuts, update checks, then the overlay
-    // for a signed-in user who finished onboarding, else onboarding.
+    // The launch sequence: tray icon, global shortcuts, update checks, then the overlay for a signed-in
+    // user who finished onboarding, else onboarding. The views reach the shell through the signals this
+    // connects, never through a global.
     void launch();
 
     OverlayPanel& overlay() { return *overlay_; }
