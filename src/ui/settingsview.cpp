@@ -27,6 +27,8 @@
 #include <QTextCursor>
 #include <QVBoxLayout>
 
+#include <functional>
+
 #include <cmath>
 
 namespace {
@@ -373,16 +375,20 @@ QPlainTextEdit* SettingsView::makeEditor(const QString& name, int minimumHeight,
     editor->setFont(font);
     editor->setPlainText((settings_.*read)());
 
-    connect(editor, &QPlainTextEdit::textChanged, this, [this, editor, read, write] {
+    // The setting's accessors travel as functions: a lambda that captures member pointers and calls
+    // through them trips AddressSanitizer's stack checks in this compiler's debug builds.
+    const std::function<QString()> stored = std::bind(read, &settings_);
+    const std::function<void(const QString&)> store = std::bind(write, &settings_, std::placeholders::_1);
+    connect(editor, &QPlainTextEdit::textChanged, this, [editor, stored, store] {
         const QString text = editorText(editor);
-        if (text != (settings_.*read)()) {
-            (settings_.*write)(text);
+        if (text != stored()) {
+            store(text);
         }
     });
     // A change from elsewhere (an import, another window) replaces the text through a cursor rather than
     // setPlainText(), so that it lands on the editor's undo stack and Ctrl+Z brings the old text back.
-    connect(&settings_, changed, editor, [this, editor, read] {
-        const QString value = (settings_.*read)();
+    connect(&settings_, changed, editor, [editor, stored] {
+        const QString value = stored();
         if (editorText(editor) == value) {
             return;
         }
@@ -398,10 +404,11 @@ QCheckBox* SettingsView::makeSwitch(const QString& text, bool (AppSettings::*rea
                                     void (AppSettings::*write)(bool), void (AppSettings::*changed)()) {
     auto* box = new QCheckBox(text);
     box->setChecked((settings_.*read)());
-    connect(box, &QCheckBox::toggled, this, [this, write](bool on) { (settings_.*write)(on); });
-    connect(&settings_, changed, box, [this, box, read] {
+    connect(box, &QCheckBox::toggled, &settings_, write);
+    const std::function<bool()> stored = std::bind(read, &settings_);
+    connect(&settings_, changed, box, [box, stored] {
         const QSignalBlocker blocker(box);
-        box->setChecked((settings_.*read)());
+        box->setChecked(stored());
     });
     return box;
 }
