@@ -33,17 +33,21 @@ private:
         settings.setValue(QStringLiteral("useMic"), false);
     }
 
+    // Runs xdotool on the test display; its output, or nothing when it failed.
+    QByteArray xdotool(const QStringList& arguments) const {
+        QProcess process;
+        QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+        environment.insert(QStringLiteral("DISPLAY"), display_);
+        process.setProcessEnvironment(environment);
+        process.start(QStringLiteral("xdotool"), arguments);
+        process.waitForFinished(5000);
+        return process.exitCode() == 0 ? process.readAllStandardOutput().trimmed() : QByteArray();
+    }
+
     // Spins the event loop, so the loopback services keep answering, until xdotool finds a window.
     bool waitForWindow(const QString& title) const {
         for (int attempt = 0; attempt < 100; ++attempt) {
-            QProcess search;
-            QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-            environment.insert(QStringLiteral("DISPLAY"), display_);
-            search.setProcessEnvironment(environment);
-            search.start(QStringLiteral("xdotool"),
-                         {QStringLiteral("search"), QStringLiteral("--name"), title});
-            search.waitForFinished(5000);
-            if (search.exitCode() == 0 && !search.readAllStandardOutput().trimmed().isEmpty()) {
+            if (!xdotool({QStringLiteral("search"), QStringLiteral("--name"), title}).isEmpty()) {
                 return true;
             }
             QTest::qWait(100);
@@ -51,13 +55,9 @@ private:
         return false;
     }
 
-    void pressKeys(const QString& keys) const {
-        QProcess xdotool;
-        QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-        environment.insert(QStringLiteral("DISPLAY"), display_);
-        xdotool.setProcessEnvironment(environment);
-        xdotool.start(QStringLiteral("xdotool"), {QStringLiteral("key"), keys});
-        QVERIFY(xdotool.waitForFinished(5000));
+    void start(QProcess& program, const TestHome& home, const LoopbackServices& services) const {
+        program.setProcessEnvironment(environment(home, services));
+        program.start(tallowindBinary(), {});
     }
 
     static qsizetype audioBytes(const TestWebSocketServer& speech) {
@@ -83,11 +83,10 @@ private slots:
         LoopbackServices services;
         writeSettings(home, true);
         QProcess program;
-        program.setProcessEnvironment(environment(home, services));
-        program.start(tallowindBinary(), {});
+        start(program, home, services);
         QVERIFY(waitForWindow(QStringLiteral("Tallowind Overlay")));
 
-        pressKeys(QStringLiteral("ctrl+alt+s"));
+        xdotool({QStringLiteral("key"), QStringLiteral("ctrl+alt+s")});
         // A second and a half of the call's audio has reached the speech service, so at least that much
         // was captured and counted.
         QTRY_VERIFY_WITH_TIMEOUT(audioBytes(services.speech()) >= 48'000, 20'000);
@@ -107,13 +106,11 @@ private slots:
         LoopbackServices services;
         writeSettings(home, false);
         QProcess first;
-        first.setProcessEnvironment(environment(home, services));
-        first.start(tallowindBinary(), {});
+        start(first, home, services);
         QVERIFY(waitForWindow(QStringLiteral("^Tallowind$")));
 
         QProcess second;
-        second.setProcessEnvironment(environment(home, services));
-        second.start(tallowindBinary(), {});
+        start(second, home, services);
         QTRY_VERIFY_WITH_TIMEOUT(second.state() == QProcess::NotRunning, 10'000);
         QCOMPARE(second.exitCode(), 0);
         QCOMPARE(first.state(), QProcess::Running);
