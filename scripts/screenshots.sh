@@ -27,7 +27,7 @@ exec scripts/with-test-services.sh sh -c '
     compositor=$!
     sleep 0.5
     status=0
-    build/tests/screenshots/tallowind_screenshots "$@" || status=$?
+    build/tools/screenshots/tallowind_screenshots "$@" || status=$?
     kill "$compositor" 2>/dev/null || true
     exit "$status"
 ' screenshots "$output" "$@"

@@ -1,13 +1,13 @@
 #!/usr/bin/env bash
-# Builds the fuzz targets of tests/fuzz with clang (AddressSanitizer, UndefinedBehaviorSanitizer, libFuzzer)
+# Builds the fuzz targets of fuzz with clang (AddressSanitizer, UndefinedBehaviorSanitizer, libFuzzer)
 # in build-fuzz/ and runs each for SECONDS, one after another, at the lowest priority.
 #
 #   bench/fuzz/run.sh SECONDS [TARGET...]   all targets, or only those named
 #
-# Each target starts from its committed seeds (tests/fuzz/corpus/TARGET), with its dictionary where one
-# exists (tests/fuzz/TARGET.dict), and from what earlier runs found
+# Each target starts from its committed seeds (fuzz/corpus/TARGET), with its dictionary where one
+# exists (fuzz/TARGET.dict), and from what earlier runs found
 # (build-fuzz/corpus/TARGET), so that the runs add up. A crash, a broken invariant, a hang or a leak
-# leaves its reproducer in build-fuzz/crashes/TARGET/; replay it with `build-fuzz/tests/fuzz/TARGET FILE`.
+# leaves its reproducer in build-fuzz/crashes/TARGET/; replay it with `build-fuzz/fuzz/TARGET FILE`.
 # Every run is appended to build-fuzz/fuzz-runs.tsv; the table printed at the end counts them all.
 set -euo pipefail
 cd "$(dirname "$0")/../.."
@@ -31,7 +31,7 @@ fi
 
 targets=("$@")
 if [ ${#targets[@]} -eq 0 ]; then
-    for source in tests/fuzz/fuzz_*.cpp; do
+    for source in fuzz/fuzz_*.cpp; do
         targets+=("$(basename "$source" .cpp)")
     done
 fi
@@ -51,13 +51,13 @@ for target in "${targets[@]}"; do
     output="$build/$target.log"
     outcome=ok
     dictionary=()
-    if [ -f "tests/fuzz/$target.dict" ]; then
-        dictionary=(-dict="tests/fuzz/$target.dict")
+    if [ -f "fuzz/$target.dict" ]; then
+        dictionary=(-dict="fuzz/$target.dict")
     fi
     # -timeout: one input taking longer than that is a hang; -rss_limit_mb keeps a runaway input from
     # starving the machine.
-    if ! nice -n 19 "$build/tests/fuzz/$target" -max_total_time="$seconds" -timeout=20 -rss_limit_mb=2048 \
-        -print_final_stats=1 -artifact_prefix="$crashes/" "${dictionary[@]}" "$corpus" "tests/fuzz/corpus/$target" \
+    if ! nice -n 19 "$build/fuzz/$target" -max_total_time="$seconds" -timeout=20 -rss_limit_mb=2048 \
+        -print_final_stats=1 -artifact_prefix="$crashes/" "${dictionary[@]}" "$corpus" "fuzz/corpus/$target" \
         >"$output" 2>&1; then
         reproducer=$(grep -o "Test unit written to .*" "$output" | tail -1 | sed 's/Test unit written to //')
         outcome="FAILED: ${reproducer:-see $output}"
