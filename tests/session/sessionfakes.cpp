@@ -5,27 +5,24 @@
 
 namespace {
 
-struct FakeStream : SpeechStream {
-    explicit FakeStream(std::shared_ptr<FakeStreams::Record> record) : record(std::move(record)) {}
+// Holds its record for as long as the session keeps the stream, answer or timer.
+template <typename Base, typename Record>
+struct Handle : Base {
+    explicit Handle(std::shared_ptr<Record> record) : record(std::move(record)) {}
+    std::shared_ptr<Record> record;
+};
+
+struct FakeStream : Handle<SpeechStream, FakeStreams::Record> {
+    using Handle::Handle;
     ~FakeStream() override {
         record->alive = false;
         record->onEvent = nullptr;
     }
-
     QString label() const override { return record->label; }
     void setOnEvent(EventHandler handler) override { record->onEvent = std::move(handler); }
     void start() override { ++record->starts; }
     void send(const QByteArray&) override { ++record->sent; }
     void stop() override { ++record->stops; }
-
-    std::shared_ptr<FakeStreams::Record> record;
-};
-
-// Holds its record for as long as the session keeps the answer or timer; an answer marks it abandoned.
-template <typename Base, typename Record>
-struct Handle : Base {
-    explicit Handle(std::shared_ptr<Record> record) : record(std::move(record)) {}
-    std::shared_ptr<Record> record;
 };
 
 struct FakeAnswer : Handle<SessionBackend::Answer, FakeBackend::AnswerRecord> {
@@ -37,7 +34,8 @@ struct FakeAnswer : Handle<SessionBackend::Answer, FakeBackend::AnswerRecord> {
 
 SessionController::StreamFactory FakeStreams::factory() {
     return [this](const QString& label, TokenProvider) -> std::unique_ptr<SpeechStream> {
-        made_.push_back(std::make_shared<Record>(Record{label}));
+        made_.push_back(std::make_shared<Record>());
+        made_.back()->label = label;
         return std::make_unique<FakeStream>(made_.back());
     };
 }

@@ -1,11 +1,6 @@
 #pragma once
 
-#include "audiocapture.h"
-#include "microphoneaccess.h"
-#include "sessionbackend.h"
-#include "sessionclock.h"
 #include "sessioncontroller.h"
-#include "speechstream.h"
 
 #include <QObject>
 
@@ -57,7 +52,6 @@ public:
     void start(Completion<Done> done) override;
     void stop() override;
 
-    // Test side.
     static void finishStart(Record& record, const Result<Done>& result);
     // Delivers `count` buffers of `bytes` bytes from a separate thread and waits for it; audio flows as
     // soon as the server has started the recording, which may be before the start completes.
@@ -126,7 +120,6 @@ public:
         };
 
         TimePoint now = TimePoint(std::chrono::hours(24 * 365 * 56));
-        // An entry lives as long as its timer.
         std::vector<std::weak_ptr<Entry>> timers;
 
         void advance(std::chrono::milliseconds by);
