@@ -1,170 +1,113 @@
 #include "sessionfakes.h"
 
-#include <QMetaObject>
-
 #include <algorithm>
 #include <thread>
 
 namespace {
 
-class FakeStream : public SpeechStream {
-public:
-    explicit FakeStream(std::shared_ptr<FakeStreams::Record> record) : record_(std::move(record)) {}
+// Holds its record for as long as the session keeps the stream, answer or timer.
+template <typename Base, typename Record>
+struct Handle : Base {
+    explicit Handle(std::shared_ptr<Record> record) : record(std::move(record)) {}
+    std::shared_ptr<Record> record;
+};
+
+struct FakeStream : Handle<SpeechStream, FakeStreams::Record> {
+    using Handle::Handle;
     ~FakeStream() override {
-        record_->alive = false;
-        record_->onEvent = nullptr;
+        record->alive = false;
+        record->onEvent = nullptr;
     }
-
-    QString label() const override { return record_->label; }
-    void setOnEvent(EventHandler handler) override { record_->onEvent = std::move(handler); }
-    void start() override { ++record_->starts; }
-    void send(const QByteArray& pcm) override { record_->addSent(pcm); }
-    void stop() override { ++record_->stops; }
-
-private:
-    std::shared_ptr<FakeStreams::Record> record_;
+    QString label() const override { return record->label; }
+    void setOnEvent(EventHandler handler) override { record->onEvent = std::move(handler); }
+    void start() override { ++record->starts; }
+    void send(const QByteArray&) override { ++record->sent; }
+    void stop() override { ++record->stops; }
 };
 
-class FakeAnswer : public SessionBackend::Answer {
-public:
-    explicit FakeAnswer(std::shared_ptr<FakeBackend::AnswerRecord> record) : record_(std::move(record)) {}
-    ~FakeAnswer() override { record_->abandoned = true; }
-
-private:
-    std::shared_ptr<FakeBackend::AnswerRecord> record_;
-};
-
-class ManualTimer : public SessionClock::Timer {
-public:
-    explicit ManualTimer(std::shared_ptr<ManualClock::Record::Entry> entry) : entry_(std::move(entry)) {}
-    ~ManualTimer() override { entry_->alive = false; }
-
-private:
-    std::shared_ptr<ManualClock::Record::Entry> entry_;
+struct FakeAnswer : Handle<SessionBackend::Answer, FakeBackend::AnswerRecord> {
+    using Handle::Handle;
+    ~FakeAnswer() override { record->abandoned = true; }
 };
 
 }  // namespace
 
-QList<QByteArray> FakeStreams::Record::sent() const {
-    std::lock_guard guard(lock_);
-    return sent_;
-}
-
-void FakeStreams::Record::addSent(const QByteArray& pcm) {
-    std::lock_guard guard(lock_);
-    sent_.append(pcm);
-}
-
 SessionController::StreamFactory FakeStreams::factory() {
     return [this](const QString& label, TokenProvider) -> std::unique_ptr<SpeechStream> {
-        auto record = std::make_shared<Record>();
-        record->label = label;
-        made_.push_back(record);
-        return std::make_unique<FakeStream>(record);
+        made_.push_back(std::make_shared<Record>());
+        made_.back()->label = label;
+        return std::make_unique<FakeStream>(made_.back());
     };
 }
 
-FakeStreams::Record* FakeStreams::latest(const QString& label) {
-    for (auto it = made_.rbegin(); it != made_.rend(); ++it) {
-        if ((*it)->label == label) {
-            return it->get();
-        }
-    }
-    return nullptr;
-}
-
 void FakeStreams::report(const QString& label, const SpeechStream::Event& event) {
-    Record* record = latest(label);
-    if (record && record->onEvent) {
-        record->onEvent(event);
+    const auto newest =
+        std::find_if(made_.rbegin(), made_.rend(), [&](const auto& r) { return r->label == label; });
+    if (newest != made_.rend() && (*newest)->onEvent) {
+        (*newest)->onEvent(event);
     }
-}
-
-FakeCapture::~FakeCapture() {
-    record_->onAudio = nullptr;
-    record_->onStop = nullptr;
 }
 
 void FakeCapture::start(Completion<Done> done) {
     stop();
-    ++record_->starts;
     record_->state = State::starting;
     record_->pendingStart = std::move(done);
 }
 
 void FakeCapture::stop() {
-    ++record_->stops;
-    if (record_->state == State::starting && record_->pendingStart) {
+    if (auto done = std::exchange(record_->pendingStart, nullptr)) {
         QMetaObject::invokeMethod(
             &mainThread_,
-            [done = std::move(record_->pendingStart)] {
-                done(Failure::other(QStringLiteral("The capture was stopped before it started.")));
-            },
+            [done] { done(Failure::other(QStringLiteral("The capture was stopped before it started."))); },
             Qt::QueuedConnection);
-        record_->pendingStart = nullptr;
     }
     record_->state = State::idle;
 }
 
 void FakeCapture::finishStart(Record& record, const Result<Done>& result) {
-    auto done = std::exchange(record.pendingStart, nullptr);
     record.state = result ? State::running : State::idle;
-    if (done) {
+    if (auto done = std::exchange(record.pendingStart, nullptr)) {
         done(result);
     }
 }
 
 void FakeCapture::deliver(Record& record, int bytes, int count) {
-    if (record.state == State::idle || !record.onAudio) {
-        return;
+    if (record.state != State::idle && record.onAudio) {
+        std::thread([&record, pcm = QByteArray(bytes, '\0'), count] {
+            for (int i = 0; i < count; ++i) {
+                record.onAudio(pcm);
+            }
+        }).join();
     }
-    const QByteArray pcm(bytes, '\0');
-    std::thread capture([&record, &pcm, count] {
-        for (int i = 0; i < count; ++i) {
-            record.onAudio(pcm);
-        }
-    });
-    capture.join();
 }
 
 void FakeCapture::end(Record& record, const Failure& error) {
     record.state = State::idle;
-    if (record.onStop) {
-        record.onStop(error);
-    }
+    record.onStop(error);
 }
 
 void FakeBackend::AnswerRecord::piece(const QString& text) {
-    if (!abandoned && handlers.piece) {
+    if (!abandoned) {
         handlers.piece(text);
     }
 }
 
 void FakeBackend::AnswerRecord::end(const std::optional<Failure>& failure) {
-    if (!abandoned && handlers.ended) {
+    if (!abandoned) {
         handlers.ended(failure);
     }
 }
 
 std::unique_ptr<SessionBackend::Answer> FakeBackend::answer(const AnswerRequest& request,
                                                             AnswerHandlers handlers) {
-    auto record = std::make_shared<AnswerRecord>();
-    record->request = request;
-    record->handlers = std::move(handlers);
-    record_->answers.push_back(record);
-    return std::make_unique<FakeAnswer>(record);
+    record_->answers.push_back(std::make_shared<AnswerRecord>(AnswerRecord{request, std::move(handlers)}));
+    return std::make_unique<FakeAnswer>(record_->answers.back());
 }
 
 void FakeMicrophoneAccess::Record::answerAll(bool granted) {
-    auto answers = std::exchange(pending, {});
-    for (auto& answer : answers) {
+    for (const auto& answer : std::exchange(pending, {})) {
         answer(granted);
     }
-}
-
-void FakeMicrophoneAccess::request(std::function<void(bool granted)> answer) {
-    ++record_->requests;
-    record_->pending.push_back(std::move(answer));
 }
 
 void ManualClock::Record::advance(std::chrono::milliseconds by) {
@@ -172,8 +115,9 @@ void ManualClock::Record::advance(std::chrono::milliseconds by) {
     for (;;) {
         std::shared_ptr<Entry> next;
         for (const auto& timer : timers) {
-            if (timer->alive && timer->due <= target && (!next || timer->due < next->due)) {
-                next = timer;
+            const auto entry = timer.lock();
+            if (entry && entry->due <= target && (!next || entry->due < next->due)) {
+                next = entry;
             }
         }
         if (!next) {
@@ -188,7 +132,7 @@ void ManualClock::Record::advance(std::chrono::milliseconds by) {
 
 int ManualClock::Record::liveTimers() const {
     return static_cast<int>(
-        std::count_if(timers.begin(), timers.end(), [](const auto& t) { return t->alive; }));
+        std::count_if(timers.begin(), timers.end(), [](const auto& t) { return !t.expired(); }));
 }
 
 std::unique_ptr<SessionClock::Timer> ManualClock::repeat(std::chrono::milliseconds period,
@@ -196,5 +140,5 @@ std::unique_ptr<SessionClock::Timer> ManualClock::repeat(std::chrono::millisecon
     auto entry =
         std::make_shared<Record::Entry>(Record::Entry{period, record_->now + period, std::move(tick)});
     record_->timers.push_back(entry);
-    return std::make_unique<ManualTimer>(entry);
+    return std::make_unique<Handle<Timer, Record::Entry>>(entry);
 }

@@ -1,19 +1,10 @@
 #pragma once
 
-#include "audiocapture.h"
-#include "microphoneaccess.h"
-#include "sessionbackend.h"
-#include "sessionclock.h"
 #include "sessioncontroller.h"
-#include "speechstream.h"
 
-#include <QList>
 #include <QObject>
-#include <QStringList>
 
-#include <functional>
 #include <memory>
-#include <mutex>
 #include <vector>
 
 // Scripted stand-ins for everything a session talks to, so that a test drives every path by hand.
@@ -28,22 +19,13 @@ public:
         SpeechStream::EventHandler onEvent;
         int starts = 0;
         int stops = 0;
+        int sent = 0;  // buffers; counted on the capture's thread, which FakeCapture::deliver joins
         bool alive = true;
-
-        QList<QByteArray> sent() const;
-        void addSent(const QByteArray& pcm);
-
-    private:
-        mutable std::mutex lock_;
-        QList<QByteArray> sent_;
     };
 
     SessionController::StreamFactory factory();
-
-    int count() const { return static_cast<int>(made_.size()); }
-    // The newest stream with this label, or null.
-    Record* latest(const QString& label);
-    // Hands `event` to the newest live stream with `label`, as the stream would.
+    const std::vector<std::shared_ptr<Record>>& made() const { return made_; }
+    // Hands `event` to the newest stream with `label`, as that stream would while it lives.
     void report(const QString& label, const SpeechStream::Event& event);
 
 private:
@@ -58,22 +40,18 @@ public:
 
     struct Record {
         State state = State::idle;
-        int starts = 0;
-        int stops = 0;
         Completion<Done> pendingStart;
         AudioHandler onAudio;
         StopHandler onStop;
     };
 
     explicit FakeCapture(std::shared_ptr<Record> record) : record_(std::move(record)) {}
-    ~FakeCapture() override;
 
     void setOnAudio(AudioHandler handler) override { record_->onAudio = std::move(handler); }
     void setOnStop(StopHandler handler) override { record_->onStop = std::move(handler); }
     void start(Completion<Done> done) override;
     void stop() override;
 
-    // Test side.
     static void finishStart(Record& record, const Result<Done>& result);
     // Delivers `count` buffers of `bytes` bytes from a separate thread and waits for it; audio flows as
     // soon as the server has started the recording, which may be before the start completes.
@@ -120,13 +98,12 @@ class FakeMicrophoneAccess : public MicrophoneAccess {
 public:
     struct Record {
         std::vector<std::function<void(bool)>> pending;
-        int requests = 0;
 
         void answerAll(bool granted);
     };
 
     explicit FakeMicrophoneAccess(std::shared_ptr<Record> record) : record_(std::move(record)) {}
-    void request(std::function<void(bool granted)> answer) override;
+    void request(std::function<void(bool)> answer) override { record_->pending.push_back(std::move(answer)); }
 
 private:
     std::shared_ptr<Record> record_;
@@ -140,11 +117,10 @@ public:
             std::chrono::milliseconds period;
             TimePoint due;
             std::function<void()> tick;
-            bool alive = true;
         };
 
         TimePoint now = TimePoint(std::chrono::hours(24 * 365 * 56));
-        std::vector<std::shared_ptr<Entry>> timers;
+        std::vector<std::weak_ptr<Entry>> timers;
 
         void advance(std::chrono::milliseconds by);
         int liveTimers() const;

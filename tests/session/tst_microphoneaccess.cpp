@@ -3,7 +3,6 @@
 #include "testenvironment.h"
 
 #include <QLocalServer>
-#include <QLocalSocket>
 #include <QTemporaryDir>
 #include <QTest>
 #include <QThread>
@@ -13,71 +12,59 @@
 class MicrophoneAccessTest : public QObject {
     Q_OBJECT
 
+    QTemporaryDir nowhere_;
+    ScopedEnvironment environment_;
+
+    void serverAt(const QString& address) { environment_.set("PULSE_SERVER", address.toUtf8()); }
+    QString nowhere() const { return nowhere_.filePath(QStringLiteral("socket")); }
+
 private slots:
-    void grantedWithDefaultSource_data();
-    void grantedWithDefaultSource();
-    void answerIsDroppedOnceAccessIsGone();
-};
-
-void MicrophoneAccessTest::grantedWithDefaultSource_data() {
-    QTest::addColumn<QString>("server");  // "devices", "empty", "none" or "wedged"
-    QTest::addColumn<bool>("granted");
-
-    QTest::newRow("server with a default input") << "devices" << true;
-    QTest::newRow("server without any device") << "empty" << false;
-    QTest::newRow("no server at all") << "none" << false;
-    QTest::newRow("a server that never answers") << "wedged" << false;
-}
-
-void MicrophoneAccessTest::grantedWithDefaultSource() {
-    QFETCH(QString, server);
-    QFETCH(bool, granted);
-
-    std::optional<PulseServer> pulse;
-    QTemporaryDir nowhere;
-    ScopedEnvironment environment;
-    // Accepts the connection and then says nothing.
-    QLocalServer wedged;
-    QList<QLocalSocket*> held;
-    connect(&wedged, &QLocalServer::newConnection, this,
-            [&] { held.append(wedged.nextPendingConnection()); });
-    if (server == QLatin1String("wedged")) {
-        QVERIFY(wedged.listen(nowhere.filePath(QStringLiteral("socket"))));
+    void grantedWithDefaultSource_data() {
+        QTest::addColumn<QString>("server");  // "devices", "empty", "none" or "wedged"
+        QTest::addColumn<bool>("granted");
+        QTest::newRow("server with a default input") << "devices" << true;
+        QTest::newRow("server without any device") << "empty" << false;
+        QTest::newRow("no server at all") << "none" << false;
+        QTest::newRow("a server that never answers") << "wedged" << false;
     }
-    if (server == QLatin1String("none") || server == QLatin1String("wedged")) {
-        environment.set("PULSE_SERVER", "unix:" + nowhere.filePath(QStringLiteral("socket")).toUtf8());
-    } else {
-        pulse.emplace(server == QLatin1String("devices"));
-        QVERIFY(pulse->running());
-        environment.set("PULSE_SERVER", pulse->address().toUtf8());
-    }
+    void grantedWithDefaultSource() {
+        QFETCH(QString, server);
+        QFETCH(bool, granted);
+        std::optional<PulseServer> pulse;
+        // Accepts connections, holds them and says nothing.
+        QLocalServer wedged;
+        if (server == "wedged") {
+            QVERIFY(wedged.listen(nowhere()));
+        }
+        if (server == "none" || server == "wedged") {
+            serverAt("unix:" + nowhere());
+        } else {
+            QVERIFY(pulse.emplace(server == "devices").running());
+            serverAt(pulse->address());
+        }
 
-    auto access = MicrophoneAccess::pulse();
-    std::optional<bool> answer;
-    bool answeredOnMainThread = false;
-    access->request([&](bool value) {
-        answer = value;
-        answeredOnMainThread = QThread::currentThread() == QCoreApplication::instance()->thread();
-    });
-    QVERIFY(!answer.has_value());  // never before request() returns
-    QTRY_VERIFY_WITH_TIMEOUT(answer.has_value(), 8000);
-    QCOMPARE(*answer, granted);
-    QVERIFY(answeredOnMainThread);
-}
-
-void MicrophoneAccessTest::answerIsDroppedOnceAccessIsGone() {
-    QTemporaryDir nowhere;
-    ScopedEnvironment environment;
-    environment.set("PULSE_SERVER", "unix:" + nowhere.filePath(QStringLiteral("socket")).toUtf8());
-    bool answered = false;
-    {
         auto access = MicrophoneAccess::pulse();
-        access->request([&answered](bool) { answered = true; });
+        std::optional<bool> answer;
+        QThread* answeredOn = nullptr;
+        access->request([&](bool value) {
+            answer = value;
+            answeredOn = QThread::currentThread();
+        });
+        QVERIFY(!answer);  // never before request() returns
+        QTRY_VERIFY_WITH_TIMEOUT(answer, 8000);
+        QCOMPARE(*answer, granted);
+        QCOMPARE(answeredOn, thread());
     }
-    QThreadPool::globalInstance()->waitForDone();
-    QCoreApplication::sendPostedEvents();
-    QVERIFY(!answered);
-}
+
+    void answerIsDroppedOnceAccessIsGone() {
+        serverAt("unix:" + nowhere());
+        bool answered = false;
+        MicrophoneAccess::pulse()->request([&answered](bool) { answered = true; });
+        QThreadPool::globalInstance()->waitForDone();
+        QCoreApplication::sendPostedEvents();
+        QVERIFY(!answered);
+    }
+};
 
 QTEST_GUILESS_MAIN(MicrophoneAccessTest)
 #include "tst_microphoneaccess.moc"
