@@ -1,264 +1,181 @@
 #include "backendclient.h"
+#include "config.h"
 #include "keychain.h"
 #include "testenvironment.h"
 #include "testhttpserver.h"
 
 #include <QTest>
 
-#include <limits>
-
-Q_DECLARE_METATYPE(Account)
-
 class EndpointsTest : public QObject {
     Q_OBJECT
 
 private slots:
-    void init();
-    void cleanup();
-
-    void endpointsSendTheirRequestAndReadTheAnswer_data();
-    void endpointsSendTheirRequestAndReadTheAnswer();
-    void unauthorizedForgetsTheToken_data();
-    void unauthorizedForgetsTheToken();
-    void accountNumbersMustBeWhole_data();
-    void accountNumbersMustBeWhole();
-    void usageBelowOneSecondIsNotReported_data();
-    void usageBelowOneSecondIsNotReported();
-    void signInStoresTheNewestTokenAndSignOutForgetsIt_data();
-    void signInStoresTheNewestTokenAndSignOutForgetsIt();
-
-private:
-    // Calls one endpoint and describes its outcome in one line, so that a table can state what it expects.
-    QString run(const QByteArray& endpoint);
-
-    std::unique_ptr<TestHome> home_;
-    std::unique_ptr<TestHttpServer> server_;
-    std::unique_ptr<BackendClient> client_;
+    void serverAddressPicksTheFirstUsableSource_data();
+    void serverAddressPicksTheFirstUsableSource();
+    void endpointsSendTheirRequestAndReadTheReply_data();
+    void endpointsSendTheirRequestAndReadTheReply();
 };
 
-void EndpointsTest::init() {
-    home_ = std::make_unique<TestHome>();
-    server_ = std::make_unique<TestHttpServer>();
-    QVERIFY(server_->listen());
-    home_->environment().set("TALLOWIND_SERVER", server_->url().toString().toUtf8());
-    client_ = std::make_unique<BackendClient>();
+void EndpointsTest::serverAddressPicksTheFirstUsableSource_data() {
+    QTest::addColumn<QVariant>("environment");  // invalid: unset
+    QTest::addColumn<QString>("compiledIn");
+    QTest::addColumn<QString>("expected");
+    QTest::newRow("nothing configured") << QVariant() << ""
+                                        << "http://localhost:8787";
+    QTest::newRow("environment wins") << QVariant("https://api.test/v2") << "https://b.test"
+                                      << "https://api.test/v2";
+    QTest::newRow("empty environment") << QVariant("") << "https://b.test/base"
+                                       << "https://b.test/base";
+    QTest::newRow("malformed environment") << QVariant("not a url") << ""
+                                           << "http://localhost:8787";
+    QTest::newRow("placeholder") << QVariant() << "__TALLOWIND_SERVER_URL__"
+                                 << "http://localhost:8787";
 }
 
-void EndpointsTest::cleanup() {
-    client_.reset();
-    server_.reset();
-    home_.reset();
+void EndpointsTest::serverAddressPicksTheFirstUsableSource() {
+    QFETCH(QVariant, environment);
+    QFETCH(QString, compiledIn);
+    QFETCH(QString, expected);
+    const auto env = environment.isValid() ? std::optional(environment.toString()) : std::nullopt;
+    QCOMPARE(Config::resolveServerURL(env, compiledIn).toString(), expected);
+    QCOMPARE(Config::resolveAppVersion(QStringLiteral("__VERSION__")), QStringLiteral("0.0.0"));
+    QCOMPARE(Config::resolveAppVersion(QStringLiteral("1.4.2")), QStringLiteral("1.4.2"));
 }
 
-QString EndpointsTest::run(const QByteArray& endpoint) {
+void EndpointsTest::endpointsSendTheirRequestAndReadTheReply_data() {
+    QTest::addColumn<QByteArray>("endpoint");
+    QTest::addColumn<QByteArray>("token");  // "stored", "none", or "env=VALUE" beside the stored one
+    QTest::addColumn<int>("status");        // 0: the body is cut off; -1: nothing listens
+    QTest::addColumn<QByteArray>("body");
+    QTest::addColumn<QString>("result");
+    QTest::addColumn<QByteArray>("sent");  // method, target, authorization and body; empty: nothing
+    QTest::addColumn<QString>("kept");     // the stored token afterwards
+    const auto row = [](const char* name, const char* endpoint, const char* token, int status,
+                        const char* body, const QString& result, const QByteArray& sent, const char* kept) {
+        QTest::newRow(name) << QByteArray(endpoint) << QByteArray(token) << status << QByteArray(body)
+                            << result << sent << QString::fromUtf8(kept);
+    };
+    const QString unreadable =
+        QStringLiteral("failed: Tallowind's server sent an answer that couldn't be read: ");
+    const QString generic = QStringLiteral("failed: Tallowind's server returned an error (%1).");
+    const QString signedOut = QStringLiteral("failed: Please sign in again.");
+    const QString unreachable =
+        QStringLiteral("failed: Can't reach Tallowind. Check your internet connection.");
+    const QByteArray start = R"(POST /base/auth/start  {"email":"ada@example.test"})";
+    const QByteArray verify = R"(POST /base/auth/verify  {"code":"123456","email":"ada@example.test"})";
+    const QByteArray me = "GET /base/me Bearer stored ";
+    const char* account = R"({"email":"a@b.test","minutesUsed":3,"minutesLimit":600})";
+    row("sign-in code", "start", "stored", 200, R"({"devCode":"042917"})", "ok: 042917", start, "stored");
+    row("sign-in code not a string", "start", "stored", 200, R"({"devCode":42917})", "ok: (none)", start,
+        "stored");
+    row("refusal with a reason", "start", "stored", 429, R"({"error":"Wait."})", "failed: Wait.", start,
+        "stored");
+    row("verify stores the new token", "verify", "stored", 200, R"({"token":"new","email":"a@b.test"})",
+        "ok: a@b.test", verify, "new");
+    row("verify reply without email", "verify", "stored", 200, R"({"token":"t"})",
+        unreadable + "\"email\" is missing.", verify, "stored");
+    row("verify unauthorized", "verify", "stored", 401, R"({"error":"x"})", signedOut, verify, "");
+    row("body cut off", "verify", "stored", 0, R"({"tok)", unreachable, verify, "stored");
+    row("nothing listens", "account", "stored", -1, "", unreachable, "", "stored");
+    row("account with the stored token", "account", "stored", 200, account, "ok: a@b.test 3/600", me,
+        "stored");
+    row("environment token beats the stored one", "account", "env=tok-1", 200, account, "ok: a@b.test 3/600",
+        "GET /base/me Bearer tok-1 ", "stored");
+    row("empty environment token", "account", "env=", 200, account, "ok: a@b.test 3/600",
+        "GET /base/me Bearer ", "stored");
+    row("no token at all", "account", "none", 200, account, signedOut, "", "");
+    row("unauthorized forgets the stored token", "account", "env=tok-1", 401, R"({"error":"Unknown token."})",
+        signedOut, "GET /base/me Bearer tok-1 ", "");
+    row("server error page", "account", "stored", 500, "<html>", generic.arg(500), me, "stored");
+    row("minutes as 12.0 and 6e2", "account", "stored", 200,
+        R"({"email":"a@b.test","minutesUsed":12.0,"minutesLimit":6e2})", "ok: a@b.test 12/600", me, "stored");
+    row("minutes beyond 32 bits", "account", "stored", 200,
+        R"({"email":"a","minutesUsed":4294967296,"minutesLimit":9007199254740993})",
+        "ok: a 4294967296/9007199254740993", me, "stored");
+    row("fractional minutes", "account", "stored", 200,
+        R"({"email":"a","minutesUsed":12.5,"minutesLimit":6})",
+        unreadable + "\"minutesUsed\" is not a whole number.", me, "stored");
+    row("reply not JSON", "account", "stored", 200, "<html>",
+        unreadable + "not JSON (illegal value at offset 1).", me, "stored");
+    row("speech token", "speech token", "stored", 200, R"({"token":"dg.abc","ttl":30})", "ok: dg.abc",
+        "GET /base/stt-token Bearer stored ", "stored");
+    row("sign out forgets the token though refused", "sign out", "stored", 500, "boom",
+        "ok: ", "POST /base/auth/signout Bearer stored ", "");
+    row("sign out with nobody listening", "sign out", "stored", -1, "", "ok: ", "", "");
+    row("usage", "usage 12.5", "stored", 500, "", "sent",
+        R"(POST /base/usage Bearer stored {"sttSeconds":12.5})", "stored");
+    row("usage unauthorized", "usage 2", "stored", 401, "", "sent",
+        R"(POST /base/usage Bearer stored {"sttSeconds":2})", "");
+    row("usage below one second", "usage 0.99", "stored", 200, "", "sent", "", "stored");
+    row("usage not a number", "usage nan", "stored", 200, "", "sent", "", "stored");
+}
+
+void EndpointsTest::endpointsSendTheirRequestAndReadTheReply() {
+    QFETCH(QByteArray, endpoint);
+    QFETCH(QByteArray, token);
+    QFETCH(int, status);
+    QFETCH(QByteArray, body);
+    QFETCH(QString, result);
+    QFETCH(QByteArray, sent);
+    QFETCH(QString, kept);
+    TestHome home;
+    TestHttpServer server;
+    QVERIFY(server.listen());
+    QUrl url = server.url();
+    if (status < 0) {
+        TestHttpServer closed;
+        QVERIFY(closed.listen());
+        url = closed.url();
+    }
+    auto response = TestHttpServer::Response::json(status ? status : 200, body);
+    response.streamed = response.drop = status == 0;
+    server.respondWith(response);
+    home.environment().set("TALLOWIND_SERVER", url.toString().toUtf8() + "/base/");
+    if (token != "none") {
+        Keychain::save(QStringLiteral("stored"));
+    }
+    if (token.startsWith("env=")) {
+        home.environment().set("TALLOWIND_TOKEN", token.mid(4));
+    }
+
+    BackendClient client;
     std::optional<QString> outcome;
-    auto report = [&outcome](auto show) {
+    const auto report = [&outcome](auto show) {
         return [&outcome, show](const auto& result) {
             outcome = result ? "ok: " + show(result.value()) : "failed: " + result.failure().description();
         };
     };
+    const auto same = [](const QString& text) { return text; };
     if (endpoint == "start") {
-        client_->startLogin(QStringLiteral(" Ada@Example.test "),
-                            report([](const auto& code) { return code.value_or(QStringLiteral("(none)")); }));
+        client.startLogin(QStringLiteral("ada@example.test"),
+                          report([](const auto& code) { return code.value_or(QStringLiteral("(none)")); }));
     } else if (endpoint == "verify") {
-        client_->verifyLogin(QStringLiteral("ada@example.test"), QStringLiteral("123456"),
-                             report([](const QString& email) { return email; }));
+        client.verifyLogin(QStringLiteral("ada@example.test"), QStringLiteral("123456"), report(same));
     } else if (endpoint == "sign out") {
-        client_->signOut(report([](Done) { return QString(); }));
+        client.signOut(report([](Done) { return QString(); }));
     } else if (endpoint == "account") {
-        client_->account(report([](const Account& a) {
+        client.account(report([](const Account& a) {
             return QStringLiteral("%1 %2/%3").arg(a.email).arg(a.minutesUsed).arg(a.minutesLimit);
         }));
     } else if (endpoint == "speech token") {
-        client_->speechToken(report([](const QString& token) { return token; }));
+        client.speechToken(report(same));
     } else {
-        client_->reportUsage(5);
-        return QStringLiteral("sent");
+        client.reportUsage(endpoint.mid(6).toDouble());
+        outcome = QStringLiteral("sent");
+        QTest::qWait(200);
     }
-    return QTest::qWaitFor([&] { return outcome.has_value(); }, 5000) ? *outcome
-                                                                      : QStringLiteral("(no answer)");
-}
-
-void EndpointsTest::endpointsSendTheirRequestAndReadTheAnswer_data() {
-    QTest::addColumn<QByteArray>("endpoint");
-    QTest::addColumn<int>("status");
-    QTest::addColumn<QByteArray>("body");
-    QTest::addColumn<QString>("expected");
-    const QString unreadable =
-        QStringLiteral("failed: Tallowind's server sent an answer that couldn't be read: ");
-    QTest::newRow("start with code") << QByteArray("start") << 200 << QByteArray(R"({"devCode":"042917"})")
-                                     << "ok: 042917";
-    QTest::newRow("start numeric code")
-        << QByteArray("start") << 200 << QByteArray(R"({"devCode":42917})") << "ok: (none)";
-    QTest::newRow("start empty body") << QByteArray("start") << 204 << QByteArray() << "ok: (none)";
-    QTest::newRow("start refused") << QByteArray("start") << 429
-                                   << QByteArray(R"({"error":"Wait a minute."})") << "failed: Wait a minute.";
-    QTest::newRow("verify") << QByteArray("verify") << 200
-                            << QByteArray(R"({"token":"t","email":"a@b.test"})") << "ok: a@b.test";
-    QTest::newRow("verify without email") << QByteArray("verify") << 200 << QByteArray(R"({"token":"t"})")
-                                          << unreadable + "\"email\" is missing.";
-    QTest::newRow("verify numeric token")
-        << QByteArray("verify") << 200 << QByteArray(R"({"token":5,"email":"a"})")
-        << unreadable + "\"token\" is not a string.";
-    QTest::newRow("sign out refused still succeeds")
-        << QByteArray("sign out") << 500 << QByteArray("boom") << "ok: ";
-    QTest::newRow("speech token") << QByteArray("speech token") << 200
-                                  << QByteArray(R"({"token":"dg.abc","ttl":30})") << "ok: dg.abc";
-    QTest::newRow("speech token missing") << QByteArray("speech token") << 200 << QByteArray(R"({"key":"x"})")
-                                          << unreadable + "\"token\" is missing.";
-    QTest::newRow("account") << QByteArray("account") << 200
-                             << QByteArray(R"({"email":"a@b.test","minutesUsed":3,"minutesLimit":600})")
-                             << "ok: a@b.test 3/600";
-    QTest::newRow("account not JSON") << QByteArray("account") << 200 << QByteArray("<html>")
-                                      << unreadable + "not JSON (illegal value at offset 1).";
-}
-
-void EndpointsTest::endpointsSendTheirRequestAndReadTheAnswer() {
-    QFETCH(QByteArray, endpoint);
-    QFETCH(int, status);
-    QFETCH(QByteArray, body);
-    QFETCH(QString, expected);
-    const QMap<QByteArray, QByteArray> requests{
-        {"start", R"(POST /auth/start  {"email":" Ada@Example.test "})"},
-        {"verify", R"(POST /auth/verify  {"code":"123456","email":"ada@example.test"})"},
-        {"sign out", "POST /auth/signout Bearer tok-1 "},
-        {"account", "GET /me Bearer tok-1 "},
-        {"speech token", "GET /stt-token Bearer tok-1 "}};
-    home_->environment().set("TALLOWIND_TOKEN", "tok-1");
-    server_->respondWith(TestHttpServer::Response::json(status, body));
-    QCOMPARE(run(endpoint), expected);
-    QCOMPARE(server_->received().size(), 1);
-    const auto& received = server_->received().first();
-    QCOMPARE(received.method + ' ' + received.target + ' ' + received.header("authorization") + ' ' +
-                 received.body,
-             requests.value(endpoint));
-    QCOMPARE(received.header("content-type"), QByteArray("application/json"));
-    QVERIFY(received.header("user-agent").startsWith("Tallowind/"));
-}
-
-void EndpointsTest::unauthorizedForgetsTheToken_data() {
-    QTest::addColumn<QByteArray>("endpoint");
-    QTest::addColumn<QString>("expected");
-    QTest::newRow("verify") << QByteArray("verify") << QStringLiteral("failed: Please sign in again.");
-    QTest::newRow("sign out") << QByteArray("sign out") << QStringLiteral("ok: ");
-    QTest::newRow("speech token") << QByteArray("speech token")
-                                  << QStringLiteral("failed: Please sign in again.");
-    QTest::newRow("usage") << QByteArray("usage") << QStringLiteral("sent");
-}
-
-void EndpointsTest::unauthorizedForgetsTheToken() {
-    QFETCH(QByteArray, endpoint);
-    QFETCH(QString, expected);
-    Keychain::save(QStringLiteral("stale"));
-    server_->respondWith(TestHttpServer::Response::json(401, R"({"error":"Unknown token."})"));
-    QCOMPARE(run(endpoint), expected);
-    QTRY_COMPARE(server_->received().size(), 1);
-    QTRY_COMPARE(Keychain::load(), std::nullopt);
-    QVERIFY(!isSignedIn());
-}
-
-void EndpointsTest::accountNumbersMustBeWhole_data() {
-    QTest::addColumn<QByteArray>("body");
-    QTest::addColumn<QVariant>("expected");  // Account, or the failure's description
-    const auto account = [](qint64 used, qint64 limit) {
-        return QVariant::fromValue(Account{QStringLiteral("a@b.test"), used, limit});
-    };
-    const auto broken = [](const char* detail) {
-        return QVariant(QStringLiteral("Tallowind's server sent an answer that couldn't be read: %1.")
-                            .arg(QString::fromUtf8(detail)));
-    };
-    QTest::newRow("zero fraction") << QByteArray(
-                                          R"({"email":"a@b.test","minutesUsed":12.0,"minutesLimit":6e2})")
-                                   << account(12, 600);
-    QTest::newRow("beyond 32 bits")
-        << QByteArray(R"({"email":"a@b.test","minutesUsed":4294967296,"minutesLimit":9007199254740993})")
-        << account(4294967296LL, 9007199254740993LL);
-    QTest::newRow("fraction") << QByteArray(R"({"email":"a@b.test","minutesUsed":12.5,"minutesLimit":600})")
-                              << broken("\"minutesUsed\" is not a whole number");
-    QTest::newRow("string") << QByteArray(R"({"email":"a@b.test","minutesUsed":"12","minutesLimit":600})")
-                            << broken("\"minutesUsed\" is not a number");
-    QTest::newRow("missing limit") << QByteArray(R"({"email":"a@b.test","minutesUsed":12})")
-                                   << broken("\"minutesLimit\" is missing");
-    QTest::newRow("too large for 64 bits")
-        << QByteArray(R"({"email":"a@b.test","minutesUsed":1e30,"minutesLimit":600})")
-        << broken("\"minutesUsed\" is not a whole number");
-    QTest::newRow("array") << QByteArray("[]") << broken("not a JSON object");
-}
-
-void EndpointsTest::accountNumbersMustBeWhole() {
-    QFETCH(QByteArray, body);
-    QFETCH(QVariant, expected);
-    const auto decoded = BackendClient::decodeAccount(body);
-    if (expected.userType() == qMetaTypeId<Account>()) {
-        QVERIFY2(decoded.ok(), qPrintable(decoded ? QString() : decoded.failure().description()));
-        QCOMPARE(decoded.value(), expected.value<Account>());
-    } else {
-        QVERIFY(!decoded.ok());
-        QCOMPARE(decoded.failure().description(), expected.toString());
+    QTRY_VERIFY(outcome);
+    QCOMPARE(*outcome, result);
+    QCOMPARE(server.received().size(), sent.isEmpty() ? 0 : 1);
+    if (!sent.isEmpty()) {
+        const auto& received = server.received().first();
+        QCOMPARE(received.method + ' ' + received.target + ' ' + received.header("authorization") + ' ' +
+                     received.body,
+                 sent);
+        QCOMPARE(received.header("content-type"), QByteArray("application/json"));
+        QCOMPARE(received.header("user-agent"), "Tallowind/" + Config::appVersion().toUtf8());
     }
-}
-
-void EndpointsTest::usageBelowOneSecondIsNotReported_data() {
-    QTest::addColumn<double>("seconds");
-    QTest::addColumn<QByteArray>("body");  // empty: nothing is sent
-    QTest::newRow("below one second") << 0.99 << QByteArray();
-    QTest::newRow("not a number") << std::numeric_limits<double>::quiet_NaN() << QByteArray();
-    QTest::newRow("infinite") << std::numeric_limits<double>::infinity() << QByteArray();
-    QTest::newRow("exactly one") << 1.0 << QByteArray(R"({"sttSeconds":1})");
-    QTest::newRow("fraction kept") << 12.5 << QByteArray(R"({"sttSeconds":12.5})");
-}
-
-void EndpointsTest::usageBelowOneSecondIsNotReported() {
-    QFETCH(double, seconds);
-    QFETCH(QByteArray, body);
-    home_->environment().set("TALLOWIND_TOKEN", "tok");
-    // A failing server changes nothing for the caller: reports never fail.
-    server_->respondWith(TestHttpServer::Response::json(500, R"({"error":"down"})"));
-    client_->reportUsage(seconds);
-    if (body.isEmpty()) {
-        QTest::qWait(100);
-        QVERIFY(server_->received().isEmpty());
-        return;
-    }
-    QTRY_COMPARE(server_->received().size(), 1);
-    QCOMPARE(server_->received().first().target, QByteArray("/usage"));
-    QCOMPARE(server_->received().first().body, body);
-}
-
-void EndpointsTest::signInStoresTheNewestTokenAndSignOutForgetsIt_data() {
-    QTest::addColumn<QByteArray>("store");
-    QTest::newRow("file") << QByteArray("file");
-    QTest::newRow("secret service") << QByteArray("secret-service");
-}
-
-void EndpointsTest::signInStoresTheNewestTokenAndSignOutForgetsIt() {
-    QFETCH(QByteArray, store);
-    if (store == "secret-service" && !qEnvironmentVariableIsSet("DBUS_SESSION_BUS_ADDRESS")) {
-        QSKIP("needs a session bus with a Secret Service (the test command starts one)");
-    }
-    home_->environment().set("TALLOWIND_TOKEN_STORE", store);
-    Keychain::remove();
-    int issued = 0;
-    server_->setHandler([&issued](const TestHttpServer::Received& request) {
-        const QByteArray token = request.target == "/auth/verify" ? QByteArray::number(++issued) : "";
-        return TestHttpServer::Response::json(200,
-                                              R"({"token":"token-)" + token + R"(","email":"a@b.test"})");
-    });
-    QVERIFY(!isSignedIn());
-    // An environment token, even empty, counts as signed in but does not replace the stored one.
-    home_->environment().set("TALLOWIND_TOKEN", "");
-    QVERIFY(isSignedIn());
-    QCOMPARE(run("verify"), QStringLiteral("ok: a@b.test"));
-    QCOMPARE(run("verify"), QStringLiteral("ok: a@b.test"));
-    QCOMPARE(token(), std::optional(QString()));
-    home_->environment().unset("TALLOWIND_TOKEN");
-    QCOMPARE(token(), std::optional(QStringLiteral("token-2")));
-
-    // Signing out with the server gone still forgets the token here.
-    server_.reset();
-    QCOMPARE(run("sign out"), QStringLiteral("ok: "));
-    QVERIFY(!isSignedIn());
-    QCOMPARE(Keychain::load(), std::nullopt);
+    QCOMPARE(Keychain::load().value_or(QString()), kept);
 }
 
 QTEST_GUILESS_MAIN(EndpointsTest)

@@ -4,7 +4,6 @@
 
 #include <QElapsedTimer>
 #include <QFile>
-#include <QTemporaryDir>
 #include <QTest>
 
 #include <sndfile.h>
@@ -14,9 +13,6 @@
 
 namespace {
 
-const QString reconnecting = QStringLiteral(u"Reconnecting to speech service\u2026");
-constexpr int silenceChunks = 20;
-
 QString results(const QString& transcript, bool isFinal, bool speechFinal) {
     return QStringLiteral(
                R"({"type":"Results","is_final":%2,"speech_final":%3,"channel":{"alternatives":[{"transcript":"%1"}]}})")
@@ -25,26 +21,19 @@ QString results(const QString& transcript, bool isFinal, bool speechFinal) {
 
 // A WAV file of a 440 Hz tone; false if it could not be written.
 bool writeTone(const QString& path, int sampleRate, int channels, int frames) {
-    SF_INFO info{};
-    info.samplerate = sampleRate;
-    info.channels = channels;
-    info.format = SF_FORMAT_WAV | SF_FORMAT_PCM_16;
+    SF_INFO info{0, sampleRate, channels, SF_FORMAT_WAV | SF_FORMAT_PCM_16, 0, 0};
     SNDFILE* file = sf_open(QFile::encodeName(path).constData(), SFM_WRITE, &info);
-    if (!file) {
-        return false;
-    }
     std::vector<float> samples(static_cast<size_t>(frames * channels));
     for (size_t i = 0; i < samples.size(); ++i) {
         samples[i] = 0.5f * float(std::sin(2 * M_PI * 440 * double(i / size_t(channels)) / sampleRate));
     }
-    const bool written = sf_writef_float(file, samples.data(), frames) == frames;
-    return sf_close(file) == 0 && written;
+    return file && sf_writef_float(file, samples.data(), frames) == frames && sf_close(file) == 0;
 }
 
 }  // namespace
 
-// The speech test as a process, against a loopback backend that hands out speech tokens and a
-// loopback speech service.
+// The speech test as a process, against a loopback backend that hands out speech tokens and a loopback
+// speech service.
 class SpeechTestCommand : public QObject {
     Q_OBJECT
 
@@ -52,188 +41,120 @@ private slots:
     void init();
     void cleanup();
 
-    void fileIsStreamedAs16kHzThenSilence_data();
-    void fileIsStreamedAs16kHzThenSilence();
-    void onlyFinalTextAndUtteranceEndsArePrinted();
-    void aLostConnectionEndsTheTest();
-    void failuresBeforeConnectingAreReported_data();
-    void failuresBeforeConnectingAreReported();
+    void speechTestPrintsWhatTheServiceRecognised_data();
+    void speechTestPrintsWhatTheServiceRecognised();
+    void fileIsStreamedAs16kHzThenSilenceAndTheStreamClosed();
 
 private:
-    std::unique_ptr<QTemporaryDir> files_;
     std::unique_ptr<TestHome> home_;
     std::unique_ptr<TestHttpServer> backend_;
     std::unique_ptr<TestWebSocketServer> service_;
+    QString path_;  // the audio file
 };
 
 void SpeechTestCommand::init() {
-    files_ = std::make_unique<QTemporaryDir>();
     home_ = std::make_unique<TestHome>();
     backend_ = std::make_unique<TestHttpServer>();
     service_ = std::make_unique<TestWebSocketServer>();
-    QVERIFY(backend_->listen());
-    QVERIFY(service_->listen());
+    QVERIFY(backend_->listen() && service_->listen());
     backend_->respondWith(TestHttpServer::Response::json(200, R"({"token":"stt-abc"})"));
     home_->environment().set("TALLOWIND_SERVER", backend_->url().toString().toUtf8());
     home_->environment().set("TALLOWIND_STT_URL", service_->url().toString().toUtf8());
     home_->environment().set("TALLOWIND_TOKEN", "cli-token");
+    path_ = home_->path() + QStringLiteral("/input.wav");
 }
 
 void SpeechTestCommand::cleanup() {
     service_.reset();
     backend_.reset();
     home_.reset();
-    files_.reset();
 }
 
-void SpeechTestCommand::fileIsStreamedAs16kHzThenSilence_data() {
-    QTest::addColumn<int>("sampleRate");
-    QTest::addColumn<int>("channels");
-    QTest::addColumn<int>("frames");
-    QTest::addColumn<int>("chunks");  // of a tenth of a second each
-
-    QTest::newRow("44.1 kHz stereo, half a second and a bit") << 44100 << 2 << 22050 + 100 << 6;
-    QTest::newRow("an empty file") << 16000 << 1 << 0 << 0;
-}
-
-void SpeechTestCommand::fileIsStreamedAs16kHzThenSilence() {
-    QFETCH(int, sampleRate);
-    QFETCH(int, channels);
-    QFETCH(int, frames);
-    QFETCH(int, chunks);
-
-    const QString path = files_->filePath(QStringLiteral("audio.wav"));
-    QVERIFY(writeTone(path, sampleRate, channels, frames));
-    QElapsedTimer clock;
-    clock.start();
-    const ProcessResult result = runTallowind({"--test-stt", path});
-    const qint64 elapsed = clock.elapsed();
-
-    QCOMPARE(result.err, QByteArray());
-    QCOMPARE(result.exitCode, 0);
-    QCOMPARE(result.out, QByteArray("[connected]\n"));
-    // 1.5 s before the audio, 50 ms after every chunk, 3 s after the silence.
-    QVERIFY2(elapsed >= 5500 + 50 * chunks, qPrintable(QString::number(elapsed)));
-
-    QCOMPARE(backend_->received().value(0).target, QByteArray("/stt-token"));
-    QCOMPARE(service_->connections().size(), 1);
-    const auto& connection = service_->connections().first();
-    QCOMPARE(connection.header("authorization"), QByteArray("Bearer stt-abc"));
-
-    // The stream is stopped properly before the process ends.
-    QTRY_VERIFY(!connection.open);
-    QCOMPARE(connection.closeCode, std::optional<int>(1000));
-    QCOMPARE(connection.texts().last(), QStringLiteral(R"({"type":"CloseStream"})"));
-
-    // The file as 16 kHz mono 16-bit audio, a tenth of a second per message, then the silence.
-    const QList<QByteArray> binaries = connection.binaries();
-    QVERIFY(binaries.size() >= silenceChunks);
-    const QList<QByteArray> audio = binaries.first(binaries.size() - silenceChunks);
-    QCOMPARE(binaries.last(silenceChunks), QList<QByteArray>(silenceChunks, QByteArray(3200, '\0')));
-    QVERIFY2(audio.size() <= chunks && audio.size() >= chunks - 1, qPrintable(QString::number(audio.size())));
-    qsizetype audioBytes = 0;
-    for (qsizetype i = 0; i < audio.size(); ++i) {
-        audioBytes += audio[i].size();
-        QVERIFY(audio[i] != QByteArray(audio[i].size(), '\0'));
-        if (i > 0 && i + 1 < audio.size()) {
-            // The resampler's look-ahead makes the sizes wander a little around a tenth of a second.
-            QVERIFY2(std::abs(audio[i].size() - 3200) <= 320, qPrintable(QString::number(audio[i].size())));
-        }
-    }
-    const qsizetype expectedBytes = qsizetype(frames) * 32000 / sampleRate;
-    // Less the resampler's look-ahead, which stays behind at the end.
-    QVERIFY2(audioBytes <= expectedBytes && audioBytes >= expectedBytes * 85 / 100,
-             qPrintable(QStringLiteral("%1 of %2 bytes").arg(audioBytes).arg(expectedBytes)));
-}
-
-void SpeechTestCommand::onlyFinalTextAndUtteranceEndsArePrinted() {
-    service_->setGreeting({
-        results("hello", false, false),
-        results("  Hello there.  ", true, true),
-        results("and more", true, false),
-        results("", true, true),
-        R"({"type":"SpeechStarted"})",
-        R"({"type":"UtteranceEnd","last_word_end":2.1})",
-        results("   ", true, false),
-    });
-    const QString path = files_->filePath(QStringLiteral("short.wav"));
-    QVERIFY(writeTone(path, 16000, 1, 1600));
-    const ProcessResult result = runTallowind({"--test-stt", path});
-
-    QCOMPARE(result.exitCode, 0);
-    QCOMPARE(result.out, QByteArray("[connected]\nFINAL: Hello there.\nfinal: and more\n[utterance end]\n"));
-    QCOMPARE(result.err, QByteArray());
-}
-
-void SpeechTestCommand::aLostConnectionEndsTheTest() {
-    connect(service_.get(), &TestWebSocketServer::frameReceived, service_.get(),
-            [this](int connection) { service_->drop(connection); });
-    const QString path = files_->filePath(QStringLiteral("tone.wav"));
-    QVERIFY(writeTone(path, 16000, 1, 16000));
-    QElapsedTimer clock;
-    clock.start();
-    const ProcessResult result = runTallowind({"--test-stt", path});
-
-    QCOMPARE(result.exitCode, 0);
-    QCOMPARE(result.out, ("[connected]\n[error] " + reconnecting + "\n").toUtf8());
-    // It ends with the failure, long before the schedule would have ended it.
-    QVERIFY2(clock.elapsed() < 5000, qPrintable(QString::number(clock.elapsed())));
-    QCOMPARE(service_->connections().size(), 1);
-}
-
-void SpeechTestCommand::failuresBeforeConnectingAreReported_data() {
-    QTest::addColumn<QByteArray>("file");  // "tone": a good file; empty: no file at all
-    QTest::addColumn<bool>("signedIn");
-    QTest::addColumn<int>("status");
-    QTest::addColumn<QByteArray>("body");
+void SpeechTestCommand::speechTestPrintsWhatTheServiceRecognised_data() {
+    QTest::addColumn<QByteArray>("setup");
     QTest::addColumn<int>("exitCode");
     QTest::addColumn<QByteArray>("out");  // when empty, the error goes to standard error, naming the file
-
-    const QByteArray tone("tone");
-    const QByteArray none;
-    QTest::newRow("not signed in") << tone << false << 200 << none << 0
+    QTest::newRow("only final text and utterance ends are printed")
+        << QByteArray("greeting") << 0
+        << QByteArray("[connected]\nFINAL: Hello there.\nfinal: and more\n[utterance end]\n");
+    QTest::newRow("a lost connection ends the test")
+        << QByteArray("drop") << 0
+        << QByteArray("[connected]\n[error] Reconnecting to speech service\xe2\x80\xa6\n");
+    QTest::newRow("not signed in") << QByteArray("signed out") << 0
                                    << QByteArray("[error] Please sign in again.\n");
     QTest::newRow("the server refuses the token")
-        << tone << true << 403 << QByteArray(R"({"error":"No minutes left this month."})") << 0
-        << QByteArray("[error] No minutes left this month.\n");
-    QTest::newRow("missing file") << none << true << 200 << none << 1 << none;
-    QTest::newRow("not audio") << QByteArray("Just some text, not a sound.\n") << true << 200 << none << 1
-                               << none;
+        << QByteArray("refused") << 0 << QByteArray("[error] No minutes left this month.\n");
+    QTest::newRow("missing file") << QByteArray("no file") << 1 << QByteArray();
+    QTest::newRow("not audio") << QByteArray("text file") << 1 << QByteArray();
 }
 
-void SpeechTestCommand::failuresBeforeConnectingAreReported() {
-    QFETCH(QByteArray, file);
-    QFETCH(bool, signedIn);
-    QFETCH(int, status);
-    QFETCH(QByteArray, body);
+void SpeechTestCommand::speechTestPrintsWhatTheServiceRecognised() {
+    QFETCH(QByteArray, setup);
     QFETCH(int, exitCode);
     QFETCH(QByteArray, out);
-
-    if (!signedIn) {
+    service_->setGreeting({results("hello", false, false), results("  Hello there.  ", true, true),
+                           results("and more", true, false), results("", true, true),
+                           R"({"type":"SpeechStarted"})", R"({"type":"UtteranceEnd","last_word_end":2.1})",
+                           results("   ", true, false)});
+    if (setup == "drop") {
+        service_->setGreeting({});
+        connect(service_.get(), &TestWebSocketServer::frameReceived, service_.get(),
+                [this](int connection) { service_->drop(connection); });
+    } else if (setup == "signed out") {
         home_->environment().unset("TALLOWIND_TOKEN");
+    } else if (setup == "refused") {
+        backend_->respondWith(
+            TestHttpServer::Response::json(403, R"({"error":"No minutes left this month."})"));
     }
-    backend_->respondWith(TestHttpServer::Response::json(status, body));
-    const QString path = files_->filePath(QStringLiteral("input.wav"));
-    if (file == "tone") {
-        QVERIFY(writeTone(path, 16000, 1, 16000));
-    } else if (!file.isEmpty()) {
-        QFile text(path);
-        QVERIFY(text.open(QIODevice::WriteOnly));
-        text.write(file);
+    if (setup == "text file") {
+        QFile text(path_);
+        QVERIFY(text.open(QIODevice::WriteOnly) && text.write("Just some text, not a sound.\n") > 0);
+    } else if (setup != "no file") {
+        QVERIFY(writeTone(path_, 16000, 1, 1600));
     }
-    const ProcessResult result = runTallowind({"--test-stt", path});
-
+    QElapsedTimer clock;
+    clock.start();
+    const ProcessResult result = runTallowind({"--test-stt", path_});
     QCOMPARE(result.exitCode, exitCode);
     QCOMPARE(result.out, out);
     if (out.isEmpty()) {
-        QVERIFY2(result.err.startsWith("error: ") && result.err.endsWith('\n'), result.err.constData());
-        QVERIFY2(result.err.contains(path.toUtf8()), result.err.constData());
+        QVERIFY2(result.err.startsWith("error: ") && result.err.contains(path_.toUtf8()),
+                 result.err.constData());
         // An unreadable file is found out before anything goes over the network.
         QVERIFY(backend_->received().isEmpty());
     } else {
         QCOMPARE(result.err, QByteArray());
     }
-    QVERIFY(service_->connections().isEmpty());
+    QCOMPARE(service_->connections().size(), out.contains("[connected]") ? 1 : 0);
+    // A failure ends the test long before its schedule would.
+    QVERIFY2(setup != "drop" || clock.elapsed() < 5000, qPrintable(QString::number(clock.elapsed())));
+}
+
+void SpeechTestCommand::fileIsStreamedAs16kHzThenSilenceAndTheStreamClosed() {
+    const int chunks = 6;  // of a tenth of a second: half a second and a bit of 44.1 kHz stereo
+    const int frames = 22050 + 100;
+    QVERIFY(writeTone(path_, 44100, 2, frames));
+    QElapsedTimer clock;
+    clock.start();
+    const ProcessResult result = runTallowind({"--test-stt", path_});
+    QCOMPARE(result.err, QByteArray());
+    QCOMPARE(result.exitCode, 0);
+    QCOMPARE(result.out, QByteArray("[connected]\n"));
+    // 1.5 s before the audio, 50 ms after every chunk and each of 20 of silence, 3 s for the last results.
+    QVERIFY2(clock.elapsed() >= 5500 + 50 * chunks, qPrintable(QString::number(clock.elapsed())));
+    QCOMPARE(backend_->received().value(0).target, QByteArray("/stt-token"));
+    QCOMPARE(service_->connections().size(), 1);
+    const auto& connection = service_->connections().first();
+    QCOMPARE(connection.header("authorization"), QByteArray("Bearer stt-abc"));
+    QTRY_VERIFY(!connection.open);
+    QCOMPARE(connection.closeCode, std::optional<int>(1000));
+    QCOMPARE(connection.texts().last(), QStringLiteral(R"({"type":"CloseStream"})"));
+    // A tenth of a second per message, then the silence; the resampler's look-ahead may hold one back.
+    const QList<QByteArray> binaries = connection.binaries();
+    QVERIFY(binaries.size() >= 20);
+    QCOMPARE(binaries.last(20), QList<QByteArray>(20, QByteArray(3200, '\0')));
+    const QList<QByteArray> audio = binaries.first(binaries.size() - 20);
+    QVERIFY2(audio.size() <= chunks && audio.size() >= chunks - 1, qPrintable(QString::number(audio.size())));
 }
 
 QTEST_GUILESS_MAIN(SpeechTestCommand)

@@ -4,10 +4,22 @@
 #include <QFile>
 #include <QThread>
 
+namespace {
+
+bool succeeds(const QString& program, const QStringList& arguments, int timeoutMs) {
+    QProcess process;
+    process.start(program, arguments);
+    return process.waitForFinished(timeoutMs) && process.exitStatus() == QProcess::NormalExit &&
+           process.exitCode() == 0;
+}
+
+}  // namespace
+
 PulseServer::PulseServer(bool devices) {
     QFile config(dir_.filePath(QStringLiteral("pulse.pa")));
-    if (!config.open(QIODevice::WriteOnly))
+    if (!config.open(QIODevice::WriteOnly)) {
         return;
+    }
     config.write("load-module module-native-protocol-unix auth-anonymous=1 socket=" +
                  dir_.filePath("socket").toUtf8() + "\n");
     if (devices) {
@@ -19,63 +31,40 @@ PulseServer::PulseServer(bool devices) {
             "set-default-source microphone\n");
     }
     config.close();
-
-    // Its own home and runtime folder, so that it shares no cookie, lock or socket with another server.
+    // Its own home and runtime folder, so that it shares no cookie, lock or socket with another server;
+    // off the session bus, where a second server finds its bus names taken by the first and quits.
     QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
     environment.insert(QStringLiteral("HOME"), dir_.path());
     environment.insert(QStringLiteral("XDG_RUNTIME_DIR"), dir_.path());
-    environment.remove(QStringLiteral("PULSE_SERVER"));
-    // Off the session bus: a second server there finds its bus names taken by the first and quits.
-    environment.remove(QStringLiteral("DBUS_SESSION_BUS_ADDRESS"));
-    environment.remove(QStringLiteral("DISPLAY"));
+    for (const char* name : {"PULSE_SERVER", "DBUS_SESSION_BUS_ADDRESS", "DISPLAY"}) {
+        environment.remove(QString::fromLatin1(name));
+    }
     process_.setProcessEnvironment(environment);
-    process_.setProcessChannelMode(QProcess::ForwardedErrorChannel);
-    process_.setStandardOutputFile(QProcess::nullDevice());
-    process_.start(
-        QStringLiteral("pulseaudio"),
-        {QStringLiteral("-n"), QStringLiteral("-F"), config.fileName(), QStringLiteral("--daemonize=no"),
-         QStringLiteral("--use-pid-file=no"), QStringLiteral("--exit-idle-time=-1"),
-         QStringLiteral("--log-level=error"), QStringLiteral("--log-target=stderr")});
-    if (!process_.waitForStarted())
-        return;
+    process_.setProcessChannelMode(QProcess::ForwardedChannels);
+    process_.start(QStringLiteral("pulseaudio"),
+                   {"-n", "-F", config.fileName(), "--daemonize=no", "--use-pid-file=no",
+                    "--exit-idle-time=-1", "--log-level=error", "--log-target=stderr"});
     const QDeadlineTimer deadline(10'000);
-    while (!deadline.hasExpired() && process_.state() == QProcess::Running) {
-        if (pactl({QStringLiteral("info")})) {
-            running_ = true;
+    while (process_.waitForStarted() && !deadline.hasExpired() && process_.state() == QProcess::Running) {
+        if ((running_ = pactl({QStringLiteral("info")}))) {
             return;
         }
         QThread::msleep(50);
     }
 }
 
-PulseServer::~PulseServer() {
-    kill();
-}
-
-QString PulseServer::address() const {
-    return QStringLiteral("unix:") + dir_.filePath(QStringLiteral("socket"));
-}
-
 bool PulseServer::pactl(const QStringList& arguments) const {
-    QProcess process;
-    process.setProcessChannelMode(QProcess::MergedChannels);
-    process.start(QStringLiteral("pactl"), QStringList{QStringLiteral("-s"), address()} + arguments);
-    return process.waitForFinished(5000) && process.exitStatus() == QProcess::NormalExit &&
-           process.exitCode() == 0;
+    return succeeds(QStringLiteral("pactl"), QStringList{QStringLiteral("-s"), address()} + arguments, 5000);
 }
 
 void PulseServer::kill() {
-    if (process_.state() == QProcess::NotRunning)
-        return;
-    process_.kill();
-    process_.waitForFinished();
+    if (process_.state() != QProcess::NotRunning) {
+        process_.kill();
+        process_.waitForFinished();
+    }
 }
 
 bool play(const QString& command, const QString& sink) {
-    QProcess process;
-    process.setProcessChannelMode(QProcess::ForwardedChannels);
-    process.start(QStringLiteral("sh"),
-                  {QStringLiteral("-c"), command + QStringLiteral(" | paplay -d ") + sink});
-    return process.waitForFinished(30'000) && process.exitStatus() == QProcess::NormalExit &&
-           process.exitCode() == 0;
+    return succeeds(QStringLiteral("sh"),
+                    {QStringLiteral("-c"), command + QStringLiteral(" | paplay -d ") + sink}, 30'000);
 }

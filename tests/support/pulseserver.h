@@ -1,8 +1,6 @@
 #pragma once
 
 #include <QProcess>
-#include <QString>
-#include <QStringList>
 #include <QTemporaryDir>
 
 // A PulseAudio server of the test's own, in a private folder, for the cases that must not disturb the
@@ -12,14 +10,12 @@
 class PulseServer {
 public:
     explicit PulseServer(bool devices = true);
-    ~PulseServer();
-    PulseServer(const PulseServer&) = delete;
-    PulseServer& operator=(const PulseServer&) = delete;
+    ~PulseServer() { kill(); }
 
     // False when the server did not come up within a few seconds.
     bool running() const { return running_; }
     // The value for PULSE_SERVER.
-    QString address() const;
+    QString address() const { return QStringLiteral("unix:") + dir_.filePath(QStringLiteral("socket")); }
     // Runs pactl against this server; true on success.
     bool pactl(const QStringList& arguments) const;
     void kill();

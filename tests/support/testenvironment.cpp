@@ -1,7 +1,6 @@
 #include "testenvironment.h"
 
 #include <QSignalSpy>
-#include <QtGlobal>
 
 ScopedEnvironment::~ScopedEnvironment() {
     for (auto it = saved_.crbegin(); it != saved_.crend(); ++it) {
@@ -13,18 +12,13 @@ ScopedEnvironment::~ScopedEnvironment() {
     }
 }
 
-void ScopedEnvironment::remember(const char* name) {
-    saved_.append(
-        {QByteArray(name), qEnvironmentVariableIsSet(name) ? std::optional(qgetenv(name)) : std::nullopt});
-}
-
 void ScopedEnvironment::set(const char* name, const QByteArray& value) {
-    remember(name);
+    unset(name);
     qputenv(name, value);
 }
 
 void ScopedEnvironment::unset(const char* name) {
-    remember(name);
+    saved_.append({name, qEnvironmentVariableIsSet(name) ? std::optional(qgetenv(name)) : std::nullopt});
     qunsetenv(name);
 }
 
@@ -37,20 +31,14 @@ TestHome::TestHome() {
     environment_.unset("TALLOWIND_RESUME");
 }
 
-QString tallowindBinary() {
-    return qEnvironmentVariable("TALLOWIND_BINARY");
-}
-
-ProcessResult runTallowind(const QStringList& arguments, int timeoutMs,
-                           const QProcessEnvironment& environment) {
+ProcessResult runTallowind(const QStringList& arguments, int timeoutMs) {
     QProcess process;
-    process.setProcessEnvironment(environment);
     QSignalSpy finished(&process, &QProcess::finished);
     process.start(tallowindBinary(), arguments);
     if (!finished.wait(timeoutMs)) {
         process.kill();
         process.waitForFinished();
     }
-    return {process.exitCode(), process.exitStatus() == QProcess::CrashExit, process.readAllStandardOutput(),
-            process.readAllStandardError()};
+    return {process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1,
+            process.readAllStandardOutput(), process.readAllStandardError()};
 }

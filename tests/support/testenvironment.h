@@ -1,11 +1,6 @@
 #pragma once
 
-#include <QByteArray>
-#include <QList>
-#include <QPair>
 #include <QProcess>
-#include <QString>
-#include <QStringList>
 #include <QTemporaryDir>
 
 #include <optional>
@@ -13,17 +8,12 @@
 // Sets or unsets environment variables for the lifetime of the object and restores them afterwards.
 class ScopedEnvironment {
 public:
-    ScopedEnvironment() = default;
-    ScopedEnvironment(const ScopedEnvironment&) = delete;
-    ScopedEnvironment& operator=(const ScopedEnvironment&) = delete;
     ~ScopedEnvironment();
 
     void set(const char* name, const QByteArray& value);
     void unset(const char* name);
 
 private:
-    void remember(const char* name);
-
     QList<QPair<QByteArray, std::optional<QByteArray>>> saved_;
 };
 
@@ -42,16 +32,16 @@ private:
 };
 
 // The program under test, as built beside the tests.
-QString tallowindBinary();
+inline QString tallowindBinary() {
+    return qEnvironmentVariable("TALLOWIND_BINARY");
+}
 
 struct ProcessResult {
     int exitCode = -1;
-    bool crashed = false;
     QByteArray out;
     QByteArray err;
 };
 
-// Runs the program with `arguments` and the current environment, spinning the event loop (so that
-// servers in this process keep answering) until it ends or `timeoutMs` passes.
-ProcessResult runTallowind(const QStringList& arguments, int timeoutMs = 20'000,
-                           const QProcessEnvironment& environment = QProcessEnvironment::systemEnvironment());
+// Runs the program with the current environment, spinning the event loop (so that servers in this
+// process keep answering) until it ends or `timeoutMs` passes.
+ProcessResult runTallowind(const QStringList& arguments, int timeoutMs = 20'000);

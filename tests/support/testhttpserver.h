@@ -1,20 +1,13 @@
 #pragma once
 
-#include <QByteArray>
-#include <QList>
 #include <QMap>
-#include <QObject>
-#include <QPair>
+#include <QTcpServer>
 #include <QUrl>
 
 #include <functional>
 
-class QTcpServer;
-class QTcpSocket;
-
-// A scriptable HTTP/1.1 server on 127.0.0.1 for tests: answers each request from a handler with a status,
-// headers and a body sent in timed pieces, records what it received, and notices clients that hang up
-// before their response is complete.
+// A scriptable HTTP/1.1 server on 127.0.0.1: answers each request from a handler, sends the body in
+// timed pieces, records what it received, and counts clients that hang up before their response ends.
 class TestHttpServer : public QObject {
     Q_OBJECT
 
@@ -28,15 +21,18 @@ public:
         int status = 200;
         QList<QPair<QByteArray, QByteArray>> headers;
         QList<Piece> pieces;
-        // Sent with chunked transfer encoding and then, unless `drop`, properly ended. Otherwise the body
-        // goes out whole with a content-length.
-        bool streamed = false;
-        // Close the connection after the last piece without ending the body.
-        bool drop = false;
+        bool streamed = false;  // chunked transfer encoding instead of a content-length
+        bool drop = false;      // close the connection after the last piece without ending the body
 
-        static Response json(int status, const QByteArray& body);
-        static Response text(int status, const QByteArray& body);
-        static Response stream(QList<Piece> pieces, int status = 200);
+        static Response json(int status, const QByteArray& body) {
+            return {status, {{"content-type", "application/json"}}, {{body, 0}}};
+        }
+        static Response text(int status, const QByteArray& body) {
+            return {status, {{"content-type", "text/plain"}}, {{body, 0}}};
+        }
+        static Response stream(QList<Piece> pieces, int status = 200) {
+            return {status, {{"content-type", "text/event-stream"}}, std::move(pieces), true};
+        }
     };
 
     struct Received {
@@ -53,33 +49,27 @@ public:
     explicit TestHttpServer(QObject* parent = nullptr);
     ~TestHttpServer() override;
 
-    // Binds an ephemeral port on loopback; false if that failed.
-    bool listen();
-    quint16 port() const;
-    QUrl url() const;  // http://127.0.0.1:PORT
+    bool listen() { return server_.listen(QHostAddress::LocalHost, 0); }
+    QUrl url() const { return QUrl(QStringLiteral("http://127.0.0.1:%1").arg(server_.serverPort())); }
 
-    void setHandler(Handler handler);
-    // Shorthand: every request gets this response.
-    void respondWith(const Response& response);
+    void setHandler(Handler handler) { handler_ = std::move(handler); }
+    void respondWith(const Response& response) {
+        handler_ = [response](const Received&) { return response; };
+    }
 
     const QList<Received>& received() const { return received_; }
-    // Requests whose client closed the connection before the response was complete.
     int abandoned() const { return abandoned_; }
 
 signals:
     void requestReceived();
-    void responseAbandoned();
     void responseCompleted();
 
 private:
-    struct Connection;
+    void serve(QTcpSocket* socket);
+    void send(QTcpSocket* socket, const Response& response);
 
-    void accept();
-    void readFrom(Connection* connection);
-    void sendNextPiece(Connection* connection);
-
-    QTcpServer* server_;
-    Handler handler_;
+    QTcpServer server_;
+    Handler handler_ = [](const Received&) { return Response::text(404, "not found"); };
     QList<Received> received_;
     int abandoned_ = 0;
 };

@@ -1,23 +1,15 @@
 #pragma once
 
-#include <QByteArray>
-#include <QList>
 #include <QMap>
-#include <QObject>
 #include <QPointer>
-#include <QSet>
-#include <QString>
-#include <QStringList>
-#include <QUrl>
+#include <QWebSocket>
+#include <QWebSocketServer>
 
 #include <optional>
 
-class QWebSocket;
-class QWebSocketServer;
-
-// A scriptable WebSocket server on 127.0.0.1 for tests: records every connection's request, the frames
-// it received and how it was closed, greets each new connection with scripted text messages, and can
-// send more text or cut a connection off at any time.
+// A scriptable WebSocket server on 127.0.0.1: records every connection's request, the frames it received
+// and how it was closed, greets each new connection with scripted text messages, and can send more or
+// cut a connection off at any time.
 class TestWebSocketServer : public QObject {
     Q_OBJECT
 
@@ -33,26 +25,23 @@ public:
         QByteArray target;                     // path and query as requested
         QMap<QByteArray, QByteArray> headers;  // names in lower case
         QList<Frame> frames;
-        // The code of the client's close frame; absent while open and when the connection ended
-        // without one.
-        std::optional<int> closeCode;
+        std::optional<int> closeCode;  // of the client's close frame, if one came
         bool open = true;
 
         QByteArray header(const QByteArray& name) const { return headers.value(name.toLower()); }
         QStringList texts() const;
-        QList<QByteArray> binaries() const;
+        QList<QByteArray> binaries() const { return payloads(true); }
+        QList<QByteArray> payloads(bool binary) const;
     };
 
     explicit TestWebSocketServer(QObject* parent = nullptr);
-    ~TestWebSocketServer() override;
 
-    // Binds `port` on loopback (0: an ephemeral one); false if that failed. Listening again after
-    // close() with the port of before brings the server back at the same address.
+    // Port 0 picks a free one; listening again after close() with the port of before reopens the address.
     bool listen(quint16 port = 0);
-    // Stops accepting: new connections are refused. Open connections stay.
-    void close();
+    // Refuses new connections; open ones stay.
+    void close() { server_.close(); }
     quint16 port() const { return port_; }
-    QUrl url() const;  // ws://127.0.0.1:PORT
+    QUrl url() const { return QUrl(QStringLiteral("ws://127.0.0.1:%1").arg(port_)); }
 
     // Text messages sent to every new connection as soon as its handshake completes.
     void setGreeting(const QStringList& messages) { greeting_ = messages; }
@@ -65,17 +54,12 @@ public:
     void drop(int connection);
 
 signals:
-    void connectionOpened(int connection);
     void frameReceived(int connection);
-    void connectionClosed(int connection);
 
 private:
-    void accept();
-
-    QWebSocketServer* server_;
+    QWebSocketServer server_;
     quint16 port_ = 0;
     QStringList greeting_;
     QList<Connection> connections_;
     QList<QPointer<QWebSocket>> sockets_;
-    QSet<int> dropped_;
 };
