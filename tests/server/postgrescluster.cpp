@@ -2,14 +2,11 @@
 
 #include <QCoreApplication>
 #include <QDir>
-#include <QFile>
 #include <QProcess>
 #include <QStandardPaths>
 
 #include <pwd.h>
 #include <unistd.h>
-
-#include <optional>
 
 namespace {
 
@@ -17,16 +14,9 @@ const QString unprivileged = QStringLiteral("nobody");
 
 // Debian keeps the server's tools out of PATH, one folder per major version; the newest wins.
 QString serverBinaries() {
-    QDir versions(QStringLiteral("/usr/lib/postgresql"));
-    const QStringList found = versions.entryList(QDir::Dirs | QDir::NoDotAndDotDot, QDir::Name);
-    std::optional<int> newest;
-    for (const QString& version : found) {
-        if (QFile::exists(versions.filePath(version + QStringLiteral("/bin/pg_ctl"))) &&
-            version.toInt() > newest.value_or(-1)) {
-            newest = version.toInt();
-        }
-    }
-    return newest ? versions.filePath(QString::number(*newest) + QStringLiteral("/bin")) : QString();
+    const QStringList versions =
+        QDir(QStringLiteral("/usr/lib/postgresql")).entryList(QDir::Dirs | QDir::NoDotAndDotDot, QDir::Name);
+    return versions.isEmpty() ? QString() : QStringLiteral("/usr/lib/postgresql/%1/bin").arg(versions.last());
 }
 
 }  // namespace

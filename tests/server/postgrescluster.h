@@ -6,9 +6,10 @@
 
 #include <string>
 
-// A PostgreSQL server of the test's own: a new cluster in a temporary folder, reachable only through a
-// Unix socket there, with password-less access. PostgreSQL refuses to run as root, so when the tests
-// do, the cluster belongs to the unprivileged user "nobody".
+// A PostgreSQL server of the test's own: a new cluster in a temporary folder,
+// reachable only through a Unix socket there, with password-less access.
+// PostgreSQL refuses to run as root, so when the tests do, the cluster belongs
+// to the unprivileged user "nobody".
 class PostgresCluster {
 public:
     PostgresCluster();
@@ -21,10 +22,10 @@ public:
 
     bool isUp() const { return up_; }
     QString failure() const { return failure_; }
-    // Creates an empty database and returns its address for `--database`; empty when that failed.
+    // The address of a new empty database for `--database`; empty when that
+    // failed.
     std::string newDatabase();
-    // As an administrator would: open connections are ended.
-    bool stop();
+    bool stop();  // as an administrator would: open connections are ended
     bool start();
 
 private:

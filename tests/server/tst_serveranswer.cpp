@@ -1,5 +1,6 @@
-// Streamed answers: the server relays a fake OpenAI-compatible model as its own event stream, many at
-// once, and answers offline from the resume when no model is configured.
+// Streamed answers: the server relays a fake OpenAI-compatible model as its own
+// event stream, many at once, and answers offline from the resume when no model
+// is configured.
 
 #include "offlineengine.h"
 #include "runningserver.h"
@@ -20,14 +21,18 @@ QByteArray delta(const QString& text) {
 
 // A model that streams `pieces`, each after its delay, then "[DONE]".
 TestHttpServer::Response modelStream(const QList<QPair<QString, int>>& pieces) {
-    // Models open with a delta that carries the role and empty content; it is no piece of the answer.
+    // Models open with a delta that carries the role and empty content; it is no
+    // piece of the answer.
     QList<TestHttpServer::Piece> body{{R"(data: {"choices":[{"delta":{"role":"assistant","content":""}}]})"
                                        "\n\n",
                                        0}};
     for (const auto& [text, delayMs] : pieces) {
         body.append({delta(text), delayMs});
     }
-    body.append({"data: [DONE]\n\n", 0});
+    // ...and close with a delta that has no content at all.
+    body.append({R"(data: {"choices":[{"delta":{},"finish_reason":"stop"}]})"
+                 "\n\ndata: [DONE]\n\n",
+                 0});
     return TestHttpServer::Response::stream(body);
 }
 
@@ -38,11 +43,13 @@ const QByteArray question =
     R"(- Led the fix of a production outage in the signalling system",)"
     R"("jobDescription":"We run a payments platform on Kubernetes.","extraInstructions":"Keep it under a minute."})";
 
-// What one answer stream delivered: its text pieces, and "done" or the error message it ended with.
+// What one answer stream delivered: its text pieces, and "done" or the error
+// message it ended with.
 struct Answer {
     QStringList pieces;
     QString end;
-    QList<int> modelDoneAtPiece;  // how many model responses had completed when each piece arrived
+    QList<int> modelDoneAtPiece;  // how many model responses had completed when
+                                  // each piece arrived
 };
 
 }  // namespace
@@ -69,7 +76,8 @@ private:
         server_ = std::make_unique<RunningServer>(config);
     }
 
-    // Asks for an answer and reads its events as they come; hangs up after `piecesWanted` pieces.
+    // Asks for an answer and reads its events as they come; hangs up after
+    // `piecesWanted` pieces.
     Answer ask(int piecesWanted = -1) {
         Answer answer;
         QByteArray buffer;
@@ -114,16 +122,14 @@ private slots:
     void cleanup() { server_.reset(); }
 
     void theModelGetsTheWholePromptAndItsPiecesStreamInOrder() {
-        model_->respondWith(modelStream({{QStringLiteral("I led"), 0},
-                                         {QStringLiteral(" the fix"), 200},
-                                         {QStringLiteral(" of\n- the outage"), 200},
-                                         {QStringLiteral("."), 1000}}));
+        model_->respondWith(
+            modelStream({{"I led", 0}, {" the fix", 200}, {" of\n- the outage", 200}, {".", 1000}}));
         startServer(model_->url().toString());
         const Answer answer = ask();
         QCOMPARE(answer.end, QStringLiteral("done"));
-        QCOMPARE(answer.pieces, (QStringList{QStringLiteral("I led"), QStringLiteral(" the fix"),
-                                             QStringLiteral(" of\n- the outage"), QStringLiteral(".")}));
-        // The first three pieces were passed on before the model had sent its last one.
+        QCOMPARE(answer.pieces, (QStringList{"I led", " the fix", " of\n- the outage", "."}));
+        // The first three pieces were passed on before the model had sent its last
+        // one.
         QCOMPARE(answer.modelDoneAtPiece.mid(0, 3), (QList<int>{0, 0, 0}));
 
         QCOMPARE(model_->received().size(), 1);
@@ -143,7 +149,8 @@ private slots:
             QVERIFY2(system.contains(QLatin1String(expected)), expected);
         }
         QCOMPARE(messages[1].toObject().value(QStringLiteral("content")).toString(),
-                 QStringLiteral("The conversation so far:\nInterviewer: Thanks for joining us today.\n"
+                 QStringLiteral("The conversation so far:\nInterviewer: Thanks for joining us "
+                                "today.\n"
                                 "Candidate: Happy to be here.\n\nThe question to answer now:\n"
                                 "Tell me about a time you fixed a production outage."));
     }
@@ -158,24 +165,25 @@ private slots:
                    R"({"error":{"message":"Incorrect API key provided.","type":"invalid_request_error"}})")
             << QStringList()
             << QStringLiteral(
-                   "The language model refused the request (status 401): Incorrect API key provided.");
+                   "The language model refused the request (status "
+                   "401): Incorrect API key provided.");
         QTest::newRow("error event mid-answer")
-            << TestHttpServer::Response::stream({{delta(QStringLiteral("Partly")), 0},
+            << TestHttpServer::Response::stream({{delta("Partly"), 0},
                                                  {R"(data: {"error":{"message":"The model is overloaded."}})"
                                                   "\n\n",
                                                   50},
-                                                 {delta(QStringLiteral("never read")), 50}})
-            << QStringList{QStringLiteral("Partly")}
-            << QStringLiteral("The language model stopped with an error: The model is overloaded.");
+                                                 {delta("never read"), 50}})
+            << QStringList{"Partly"}
+            << QStringLiteral(
+                   "The language model stopped with an error: The model "
+                   "is overloaded.");
         QTest::newRow("silent past the time-out")
-            << modelStream({{QStringLiteral("Early"), 0}, {QStringLiteral("Late"), 4000}})
-            << QStringList{QStringLiteral("Early")}
+            << modelStream({{"Early", 0}, {"Late", 4000}}) << QStringList{"Early"}
             << QStringLiteral("The language model didn't respond in time. Try again.");
-        auto dropped =
-            TestHttpServer::Response::stream({{delta(QStringLiteral("Cut")), 0}, {"data: {", 100}});
+        auto dropped = TestHttpServer::Response::stream({{delta("Cut"), 0}, {"data: {", 100}});
         dropped.drop = true;
-        QTest::newRow("connection dropped") << dropped << QStringList{QStringLiteral("Cut")}
-                                            << QStringLiteral("The connection to the language model failed");
+        QTest::newRow("connection dropped")
+            << dropped << QStringList{"Cut"} << QStringLiteral("The connection to the language model failed");
         QTest::newRow("nobody listening") << TestHttpServer::Response() << QStringList()
                                           << QStringLiteral("The connection to the language model failed");
     }
@@ -195,19 +203,16 @@ private slots:
     }
 
     void anAbandonedAnswerStopsTheModelRequest() {
-        model_->respondWith(modelStream({{QStringLiteral("First"), 0},
-                                         {QStringLiteral(" second"), 3000},
-                                         {QStringLiteral(" third"), 3000}}));
+        model_->respondWith(modelStream({{"First", 0}, {" second", 3000}, {" third", 3000}}));
         startServer(model_->url().toString());
-        QCOMPARE(ask(1).pieces, QStringList{QStringLiteral("First")});
-        // The server notices the hang-up while the model is silent and drops its own request, long before
-        // the model's 1.5 s time-out or its end.
+        QCOMPARE(ask(1).pieces, QStringList{"First"});
+        // The server notices the hang-up while the model is silent and drops its
+        // own request, long before the model's 1.5 s time-out or its end.
         QTRY_COMPARE_WITH_TIMEOUT(model_->abandoned(), 1, 1200);
     }
 
     void fiftyRelayedAnswersStreamSideBySide() {
-        model_->respondWith(
-            modelStream({{QStringLiteral("I write "), 0}, {QStringLiteral("stress tests."), 4000}}));
+        model_->respondWith(modelStream({{"I write ", 0}, {"stress tests.", 4000}}));
         int completedWhenAllArrived = -1;
         connect(model_.get(), &TestHttpServer::requestReceived, this, [&] {
             if (model_->received().size() == 50) {
@@ -226,7 +231,8 @@ private slots:
                                                         std::future_status::ready;
                                              }),
                                  60'000);
-        // Every request reached the model while the first answer was still being written.
+        // Every request reached the model while the first answer was still being
+        // written.
         QCOMPARE(completedWhenAllArrived, 0);
         for (auto& reply : replies) {
             const QByteArray body = reply.get().body;
@@ -242,8 +248,8 @@ private slots:
         QCOMPARE(answer.end, QStringLiteral("done"));
         const QString text = answer.pieces.join(QString());
         QVERIFY(answer.pieces.size() > 3 && text.startsWith(QStringLiteral("I'm answering offline")));
-        QVERIFY2(text.endsWith(QStringLiteral(
-                     "question:\n\n- Led the fix of a production outage in the signalling system\n")),
+        QVERIFY2(text.endsWith(QStringLiteral("question:\n\n- Led the fix of a production "
+                                              "outage in the signalling system\n")),
                  qPrintable(text));
     }
 
@@ -252,17 +258,17 @@ private slots:
         QTest::addColumn<QStringList>("expected");
         QTest::newRow("the term named most often in a short line wins")
             << QStringLiteral("What have you done with Kubernetes?")
-            << QStringList{QStringLiteral("Ran the Kubernetes upgrade rota and Kubernetes cost reviews"),
-                           QStringLiteral("Skills: Go, Python, PostgreSQL, Kubernetes"),
-                           QStringLiteral("Migrated 40 services from VMs to Kubernetes at Acme")};
+            << QStringList{"Ran the Kubernetes upgrade rota and Kubernetes cost reviews",
+                           "Skills: Go, Python, PostgreSQL, Kubernetes",
+                           "Migrated 40 services from VMs to Kubernetes at Acme"};
         QTest::newRow("rare terms outweigh common ones")
             << QStringLiteral("Tell me about mentoring engineers")
-            << QStringList{QStringLiteral("Mentored four junior engineers through their first year"),
-                           QStringLiteral("Jane Doe, Backend Engineer")};
+            << QStringList{"Mentored four junior engineers through their first year",
+                           "Jane Doe, Backend Engineer"};
         QTest::newRow("plurals and case meet")
             << QStringLiteral("Which SERVICE did you write?")
-            << QStringList{QStringLiteral("Wrote the billing service in Go"),
-                           QStringLiteral("Migrated 40 services from VMs to Kubernetes at Acme")};
+            << QStringList{"Wrote the billing service in Go",
+                           "Migrated 40 services from VMs to Kubernetes at Acme"};
         QTest::newRow("only stop words match nothing")
             << QStringLiteral("Tell me about a time when you did that.") << QStringList();
     }

@@ -69,10 +69,6 @@ private:
 const QByteArray answerBody = R"({"question":"Why us?","transcript":[{"speaker":"interviewer","text":"Hi"}],)"
                               R"("resume":"Go developer","jobDescription":"","extraInstructions":""})";
 
-QByteArray answerWith(const QByteArray& replace, const QByteArray& with) {
-    return QByteArray(answerBody).replace(replace, with);
-}
-
 }  // namespace
 
 Q_DECLARE_METATYPE(Script)
@@ -161,136 +157,129 @@ private slots:
         const auto row = [](const char* name, const Script& script, const QStringList& settings = {}) {
             QTest::newRow(name) << settings << script;
         };
-        const auto asQuinn = [](const Step& step) { return Script{{"signin quinn@example.org"}, step}; };
+        const auto start = [](const QByteArray& email) {
+            return "POST /auth/start {\"email\":\"" + email + "\"}";
+        };
+        const auto verify = [](const QByteArray& email, const QByteArray& code) {
+            return "POST /auth/verify {\"email\":\"" + email + "\",\"code\":\"" + code + "\"}";
+        };
+        const auto signedIn = [](const Script& script) { return Script{{"signin q@b.co"}} + script; };
+        const auto answer = [](const QByteArray& replace, const QByteArray& with) {
+            return "POST /answer " + QByteArray(answerBody).replace(replace, with);
+        };
         const QByteArray notJson = "The request body isn't valid JSON.";
         const QByteArray signedOut = "Your sign-in has ended. Sign in again.";
         const QByteArray seconds = R"(The field \"sttSeconds\" must be from 1 to 120 seconds.)";
         const QByteArray line = R"(Each transcript line needs a \"speaker\" (\"interviewer\" or \"me\"))";
-        const QByteArray nothingHere = "There is nothing at this address on the Tallowind server.";
+        const QByteArray nothing = "There is nothing at this address on the Tallowind server.";
         const QByteArray expired = "This code has expired or was already used. Request a new code.";
         const QByteArray wrong = "That code isn't right. Check the e-mail and try again.";
+        const QByteArray tooMany = "Too many sign-in codes were requested.";
+        const QByteArray me = "GET /me";
+        const QByteArray unknownToken = "token " + QByteArray(64, 'f');
 
         row("start: empty body", {{"POST /auth/start", 400, "The request needs a JSON object as its body."}});
-        row("start: cut-off JSON", {{R"(POST /auth/start {"email":)", 400, notJson}});
-        row("start: invalid UTF-8", {{"POST /auth/start {\"email\":\"a\xff@b.co\"}", 400, notJson}});
+        row("start: invalid UTF-8", {{start("a\xff@b.co"), 400, notJson}});
         row("start: an array", {{R"(POST /auth/start ["a@b.co"])", 400, "must be a JSON object."}});
         row("start: no email", {{"POST /auth/start {}", 400, R"(The request lacks the field \"email\".)"}});
         row("start: email a number",
             {{R"(POST /auth/start {"email":5})", 400, R"(\"email\" must be a string.)"}});
-        row("start: not an address",
-            {{R"(POST /auth/start {"email":"nobody"})", 400, "Enter a valid e-mail"}});
-        row("start: oversized", {{R"(POST /auth/start {"email":")" + QByteArray(2 << 20, 'a') + R"("})", 413,
-                                  "The request is too large: this server accepts at most 1048576 bytes."}});
+        row("start: not an address", {{start("nobody"), 400, "Enter a valid e-mail address."}});
+        row("start: oversized", {{start(QByteArray(2 << 20, 'a')), 413, "accepts at most 1048576 bytes."}});
         row("verify: no code",
             {{R"(POST /auth/verify {"email":"a@b.co"})", 400, R"(lacks the field \"code\")"}});
-        row("verify: nothing requested",
-            {{R"(POST /auth/verify {"email":"a@b.co","code":"123456"})", 400, expired}});
-        row("sign-out: unknown token",
-            {{"token " + QByteArray(64, 'f')}, {"POST /auth/signout {}", 401, signedOut}});
-        row("me: unknown token", {{"token " + QByteArray(64, 'f')}, {"GET /me", 401, signedOut}});
+        row("verify: nothing requested", {{verify("a@b.co", "123456"), 400, expired}});
+        row("sign-out: unknown token", {{unknownToken}, {"POST /auth/signout {}", 401, signedOut}});
+        row("me: unknown token", {{unknownToken}, {me, 401, signedOut}});
         row("speech token: no token", {{"GET /stt-token", 401, signedOut}});
-        row("usage: no seconds", asQuinn({"POST /usage {}", 400, R"(lacks the field \"sttSeconds\")"}));
+        row("usage: no seconds", signedIn({{"POST /usage {}", 400, R"(lacks the field \"sttSeconds\")"}}));
         row("usage: seconds as text",
-            asQuinn({R"(POST /usage {"sttSeconds":"5"})", 400, "must be a number."}));
-        row("usage: under a second", asQuinn({R"(POST /usage {"sttSeconds":0.5})", 400, seconds}));
-        row("usage: more than a report holds", asQuinn({R"(POST /usage {"sttSeconds":121})", 400, seconds}));
-        row("usage: beyond a double", asQuinn({R"(POST /usage {"sttSeconds":1e400})", 400, notJson}));
-        row("answer: no token", {{"POST /answer " + answerBody, 401, signedOut}});
-        row("answer: no question", asQuinn({"POST /answer " + answerWith(R"("question":"Why us?",)", ""), 400,
-                                            R"(lacks the field \"question\")"}));
-        row("answer: blank question", asQuinn({"POST /answer " + answerWith("Why us?", " \\n "), 400,
-                                               "There is no question to answer."}));
-        row("answer: resume a list", asQuinn({"POST /answer " + answerWith(R"("Go developer")", R"(["Go"])"),
-                                              400, R"(The field \"resume\" must be a string.)"}));
+            signedIn({{R"(POST /usage {"sttSeconds":"5"})", 400, "must be a number."}}));
+        row("usage: under a second", signedIn({{R"(POST /usage {"sttSeconds":0.5})", 400, seconds}}));
+        row("usage: more than a report holds",
+            signedIn({{R"(POST /usage {"sttSeconds":121})", 400, seconds}}));
+        row("answer: no token", {{answer({}, {}), 401, signedOut}});
+        row("answer: no question",
+            signedIn({{answer(R"("question":"Why us?",)", ""), 400, "lacks the field"}}));
+        row("answer: blank question",
+            signedIn({{answer("Why us?", " \\n "), 400, "There is no question to answer."}}));
         row("answer: transcript a string",
-            asQuinn({"POST /answer " + answerWith(R"([{"speaker":"interviewer","text":"Hi"}])", R"("Hi")"),
-                     400, R"(The field \"transcript\" must be a list of lines.)"}));
-        row("answer: unknown speaker",
-            asQuinn({"POST /answer " + answerWith("interviewer", "narrator"), 400, line}));
-        row("answer: line without text",
-            asQuinn({"POST /answer " + answerWith(R"(,"text":"Hi")", ""), 400, line}));
+            signedIn({{answer(R"([{"speaker":"interviewer","text":"Hi"}])", R"("Hi")"), 400,
+                       "must be a list of lines"}}));
+        row("answer: unknown speaker", signedIn({{answer("interviewer", "narrator"), 400, line}}));
+        row("answer: line without text", signedIn({{answer(R"(,"text":"Hi")", ""), 400, line}}));
         row("answer: an event stream that ends with done",
-            asQuinn({"POST /answer " + answerBody, 200, R"(data: {"type":"done"})"}));
-        row("unknown path", asQuinn({"GET /admin", 404, nothingHere}));
-        row("releases when none are configured", {{"GET /releases/latest.json", 404, nothingHere}});
+            signedIn({{answer({}, {}), 200, R"(data: {"type":"done"})"}}));
+        row("unknown path", signedIn({{"GET /admin", 404, nothing}}));
+        row("releases when none are configured", {{"GET /releases/latest.json", 404, nothing}});
         row("releases from their folder, and nothing beside it",
             {{"GET /releases/latest.json", 200, R"({"version":"1.2.0"})"},
              {"GET /releases/Tallowind-1.2.0.zip", 200, "PK\x03\x04 zip"},
-             {"GET /releases/../tallowind.sqlite3", 404, nothingHere}},
+             {"GET /releases/../tallowind.sqlite3", 404, nothing}},
             {"--releases=$releases"});
 
         row("a development code signs in once, for the address as typed",
-            {{R"(POST /auth/start {"email":"Ada@Example.org "})", 200, R"("devCode")"},
-             {R"(POST /auth/verify {"email":"ada@example.org","code":"$wrong"})", 400, wrong},
-             {R"(POST /auth/verify {"email":"ada@example.org","code":" $code "})", 200,
-              R"("email":"ada@example.org")"},
-             {"GET /me", 200, R"({"email":"ada@example.org","minutesLimit":600,"minutesUsed":0})"},
-             {R"(POST /auth/verify {"email":"ada@example.org","code":"$code"})", 400, expired}});
-        const Script expiry{{R"(POST /auth/start {"email":"cy@example.org"})", 200}, {"wait 599"}};
+            {{start("Ada@Example.org "), 200, R"("devCode")"},
+             {verify("ada@example.org", "$wrong"), 400, wrong},
+             {verify("ada@example.org", " $code "), 200, R"("email":"ada@example.org")"},
+             {me, 200, R"({"email":"ada@example.org","minutesLimit":600,"minutesUsed":0})"},
+             {verify("ada@example.org", "$code"), 400, expired}});
         row("a code works just under ten minutes",
-            expiry + Script{{R"(POST /auth/verify {"email":"cy@example.org","code":"$code"})", 200}});
+            {{start("c@b.co"), 200}, {"wait 599"}, {verify("c@b.co", "$code"), 200}});
         row("a code expires after ten minutes",
-            expiry +
-                Script{{"wait 1"},
-                       {R"(POST /auth/verify {"email":"cy@example.org","code":"$code"})", 400, expired}});
-        Script tries{{R"(POST /auth/start {"email":"di@example.org"})", 200}};
+            {{start("c@b.co"), 200}, {"wait 600"}, {verify("c@b.co", "$code"), 400, expired}});
+        Script tries{{start("d@b.co"), 200}};
         for (int attempt = 1; attempt < 5; ++attempt) {
-            tries.append({R"(POST /auth/verify {"email":"di@example.org","code":"$wrong"})", 400, wrong});
+            tries.append({verify("d@b.co", "$wrong"), 400, wrong});
         }
         row("five wrong tries use the code up, and a new code starts a new count",
-            tries + Script{{R"(POST /auth/verify {"email":"di@example.org","code":"$wrong"})", 400,
-                            "no tries left"},
-                           {R"(POST /auth/verify {"email":"di@example.org","code":"$code"})", 400, expired},
-                           {R"(POST /auth/start {"email":"di@example.org"})", 200},
-                           {R"(POST /auth/verify {"email":"di@example.org","code":"$code"})", 200}});
-        const QByteArray tooMany = "Too many sign-in codes were requested.";
+            tries + Script{{verify("d@b.co", "$wrong"), 400, "no tries left"},
+                           {verify("d@b.co", "$code"), 400, expired},
+                           {start("d@b.co"), 200},
+                           {verify("d@b.co", "$code"), 200}});
         row("codes are limited per address and per machine, over a sliding hour",
-            {{R"(POST /auth/start {"email":"fay@example.org"})", 200},
-             {R"(POST /auth/start {"email":"fay@example.org"})", 200},
-             {R"(POST /auth/start {"email":"fay@example.org"})", 429, tooMany},
-             {R"(POST /auth/start {"email":"gus@example.org"})", 200},
-             {R"(POST /auth/start {"email":"ned@example.org"})", 429, tooMany},
+            {{start("f@b.co"), 200},
+             {start("f@b.co"), 200},
+             {start("f@b.co"), 429, tooMany},
+             {start("g@b.co"), 200},
+             {start("n@b.co"), 429, tooMany},
              {"wait 3601"},
-             {R"(POST /auth/start {"email":"fay@example.org"})", 200}},
+             {start("f@b.co"), 200}},
             {"--codes-per-email=2", "--codes-per-address=4"});
         const QStringList mailServer{"--smtp-url=smtp://127.0.0.1:$smtp",
                                      "--smtp-from=signin@tallowind.test"};
         row("without development mode the code is mailed, not returned",
-            {{R"(POST /auth/start {"email":"Flo@Example.org"})", 200, "{}"},
+            {{start("Flo@b.co"), 200, "{}"},
              {"mail MAIL FROM:<signin@tallowind.test>"},
-             {"mail RCPT TO:<flo@example.org>"},
+             {"mail RCPT TO:<flo@b.co>"},
              {"mail Subject: Your Tallowind sign-in code: $code\r\n"},
-             {R"(POST /auth/verify {"email":"flo@example.org","code":"$code"})", 200}},
+             {verify("flo@b.co", "$code"), 200}},
             mailServer);
         row("a mail server that refuses the address leaves no code behind",
-            {{R"(POST /auth/start {"email":"bounce@example.org"})", 502,
-              "The sign-in e-mail couldn't be sent."},
-             {R"(POST /auth/verify {"email":"bounce@example.org","code":"123456"})", 400, expired}},
+            {{start("bounce@b.co"), 502, "The sign-in e-mail couldn't be sent."},
+             {verify("bounce@b.co", "123456"), 400, expired}},
             mailServer);
-
-        const QByteArray me = "GET /me";
         row("usage adds up to whole minutes of the month",
-            asQuinn({R"(POST /usage {"sttSeconds":59.5})", 200}) +
-                Script{{me, 200, R"("minutesUsed":0)"},
-                       {R"(POST /usage {"sttSeconds":1})", 200},
-                       {me, 200, R"("minutesUsed":1)"},
-                       {R"(POST /usage {"sttSeconds":60})", 200},
-                       {R"(POST /usage {"sttSeconds":59.5})", 200},
-                       {me, 200, R"("minutesUsed":3)"},
-                       {"wait 2764800"},
-                       {me, 200, R"("minutesUsed":0)"}});
+            signedIn({{R"(POST /usage {"sttSeconds":59.5})", 200},
+                      {me, 200, R"("minutesUsed":0)"},
+                      {R"(POST /usage {"sttSeconds":1})", 200},
+                      {me, 200, R"("minutesUsed":1)"},
+                      {R"(POST /usage {"sttSeconds":60})", 200},
+                      {R"(POST /usage {"sttSeconds":59.5})", 200},
+                      {me, 200, R"("minutesUsed":3)"},
+                      {"wait 2764800"},
+                      {me, 200, R"("minutesUsed":0)"}}));
         row("signing out revokes the token",
-            asQuinn({"POST /auth/signout {}", 200}) + Script{{me, 401, signedOut}});
+            signedIn({{"POST /auth/signout {}", 200}, {me, 401, signedOut}}));
         row("tokens and minutes survive a restart",
-            asQuinn({R"(POST /usage {"sttSeconds":120})", 200}) +
-                Script{{"restart"},
-                       {me, 200, R"({"email":"quinn@example.org","minutesLimit":600,"minutesUsed":2})"}});
+            signedIn(
+                {{R"(POST /usage {"sttSeconds":120})", 200}, {"restart"}, {me, 200, R"("minutesUsed":2)"}}));
         row("the speech token needs a key",
-            asQuinn({"GET /stt-token", 503, "Speech recognition is not set up"}));
+            signedIn({{"GET /stt-token", 503, "Speech recognition is not set up"}}));
         row("the speech token needs minutes left",
-            asQuinn({"GET /stt-token", 200, R"({"token":"short-lived"})"}) +
-                Script{{R"(POST /usage {"sttSeconds":61})", 200},
-                       {"GET /stt-token", 403, "You've used all 1 listening minutes of this month."}},
+            signedIn({{"GET /stt-token", 200, R"({"token":"short-lived"})"},
+                      {R"(POST /usage {"sttSeconds":61})", 200},
+                      {"GET /stt-token", 403, "You've used all 1 listening minutes of this month."}}),
             {"--minutes-limit=1", "--speech-key=secret-key", "--speech-url=$speech"});
     }
 
