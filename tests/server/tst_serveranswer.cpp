@@ -29,8 +29,8 @@ TestHttpServer::Response modelStream(const QList<QPair<QString, int>>& pieces) {
     for (const auto& [text, delayMs] : pieces) {
         body.append({delta(text), delayMs});
     }
-    // ...and close with a delta that has no content at all.
-    body.append({R"(data: {"choices":[{"delta":{},"finish_reason":"stop"}]})"
+    // ...and some close with a delta whose content is null.
+    body.append({R"(data: {"choices":[{"delta":{"content":null},"finish_reason":"stop"}]})"
                  "\n\ndata: [DONE]\n\n",
                  0});
     return TestHttpServer::Response::stream(body);
