@@ -1,5 +1,4 @@
-// The server's settings from flags and environment variables, and the built executable's own start,
-// refusal and stop.
+// The server's settings from flags and environment variables, and the built executable's start and stop.
 
 #include "serverconfig.h"
 
@@ -108,14 +107,8 @@ private slots:
         QCOMPARE(QString::fromStdString(server::redactedDatabaseUrl(url.toStdString())), shown);
     }
 
-    void theExecutableServesUntilTerminatedAndRefusesUnusableSettings() {
+    void theExecutableServesUntilTerminated() {
         const QString binary = qEnvironmentVariable("TALLOWIND_SERVER_BINARY");
-        QProcess refused;
-        refused.start(binary, {QStringLiteral("--dev"), QStringLiteral("--listen=0.0.0.0:0")});
-        QVERIFY(refused.waitForFinished(10'000));
-        QCOMPARE(refused.exitCode(), 2);
-        QVERIFY(refused.readAllStandardError().contains("only listens on loopback"));
-
         QTemporaryDir data;
         QProcess process;
         process.start(binary, {QStringLiteral("--dev"), QStringLiteral("--listen=127.0.0.1:0"),
