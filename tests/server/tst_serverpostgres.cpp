@@ -30,7 +30,7 @@ private:
     PostgresCluster cluster_;
     std::array<std::unique_ptr<RunningServer>, 2> servers_;
 
-    int port(int server) const { return servers_[static_cast<std::size_t>(server)]->port(); }
+    int port(std::size_t server) const { return servers_[server]->port(); }
 
     // Both servers start at the same moment on a new database, so that they race to create its schema.
     void startServers(int codesPerEmail = 5) {
@@ -39,15 +39,10 @@ private:
         config.threads = 16;
         config.codesPerEmail = codesPerEmail;
         QVERIFY2(!config.databaseUrl.empty(), qPrintable(cluster_.failure()));
-        std::array<std::future<std::unique_ptr<RunningServer>>, 2> starting;
-        for (auto& server : starting) {
-            server =
-                std::async(std::launch::async, [config] { return std::make_unique<RunningServer>(config); });
-        }
-        for (std::size_t i = 0; i < 2; ++i) {
-            servers_[i] = starting[i].get();
-            QVERIFY(servers_[i]->port() != 0);
-        }
+        auto second =
+            std::async(std::launch::async, [config] { return std::make_unique<RunningServer>(config); });
+        servers_ = {std::make_unique<RunningServer>(config), second.get()};
+        QVERIFY(port(0) != 0 && port(1) != 0);
     }
 
 private slots:
@@ -67,28 +62,24 @@ private slots:
                                  .value(QStringLiteral("devCode"))
                                  .toString();
         // Both servers are handed the same code at once; exactly one of them signs in with it.
-        std::array<std::future<HttpCall>, 2> racing{
-            httpAsync(port(0), "POST", "/auth/verify", {}, verifyRequest(code)),
-            httpAsync(port(1), "POST", "/auth/verify", {}, verifyRequest(code))};
-        std::array<HttpCall, 2> verified{racing[0].get(), racing[1].get()};
-        const int winner = verified[0].status == 200 ? 0 : 1;
-        QCOMPARE(verified[std::size_t(winner)].status, 200);
-        QCOMPARE(verified[std::size_t(1 - winner)].status, 400);
-        QVERIFY(
-            verified[std::size_t(1 - winner)].body.contains("This code has expired or was already used."));
-
+        auto racing = httpAsync(port(1), "POST", "/auth/verify", {}, verifyRequest(code));
+        std::array<HttpCall, 2> verified{httpCall(port(0), "POST", "/auth/verify", {}, verifyRequest(code)),
+                                         racing.get()};
+        const std::size_t winner = verified[0].status == 200 ? 0 : 1;
+        QCOMPARE(verified[winner].status, 200);
+        QCOMPARE(verified[1 - winner].status, 400);
+        QVERIFY(verified[1 - winner].body.contains("This code has expired or was already used."));
         const std::string token =
-            verified[std::size_t(winner)].json().value(QStringLiteral("token")).toString().toStdString();
+            verified[winner].json().value(QStringLiteral("token")).toString().toStdString();
         QCOMPARE(httpCall(port(1 - winner), "GET", "/me", token).status, 200);
         QCOMPARE(httpCall(port(winner), "POST", "/auth/signout", token, "{}").status, 200);
         QCOMPARE(httpCall(port(1 - winner), "GET", "/me", token).status, 401);
     }
 
-    // Concurrent usage reports through many connections are tst_serverapi's, run on PostgreSQL too.
     void aRateLimitCountsRequestsToBothServers() {
         startServers(3);
         // The third code for one address is the last, whichever server is asked.
-        for (int asked = 0; asked < 5; ++asked) {
+        for (std::size_t asked = 0; asked < 5; ++asked) {
             QCOMPARE(httpCall(port(asked % 2), "POST", "/auth/start", {}, signInRequest).status,
                      asked < 3 ? 200 : 429);
         }
@@ -103,7 +94,7 @@ private slots:
         QCOMPARE(minutesUsed(port(1), token), 0);
 
         QVERIFY2(cluster_.stop(), qPrintable(cluster_.failure()));
-        for (int server = 0; server < 2; ++server) {
+        for (std::size_t server = 0; server < 2; ++server) {
             for (const auto& [method, path, body] :
                  {std::tuple{"GET", "/me", QByteArray()},
                   std::tuple{"POST", "/usage", QByteArray(R"({"sttSeconds":60})")},
@@ -114,9 +105,9 @@ private slots:
             }
         }
         QVERIFY2(cluster_.start(), qPrintable(cluster_.failure()));
-        for (int server = 0; server < 2; ++server) {
+        for (std::size_t server = 0; server < 2; ++server) {
             QCOMPARE(httpCall(port(server), "POST", "/usage", token, R"({"sttSeconds":60})").status, 200);
-            QCOMPARE(minutesUsed(port(server), token), server + 1);
+            QCOMPARE(minutesUsed(port(server), token), int(server) + 1);
         }
     }
 };
