@@ -6,9 +6,10 @@
 
 #include <string>
 
-// A PostgreSQL server of the test's own: a new cluster in a temporary folder, reachable only through a
-// Unix socket in that folder, with password-less access for its one user. PostgreSQL refuses to run as
-// root, so when the tests do, the cluster belongs to the unprivileged user "nobody".
+// A PostgreSQL server of the test's own: a new cluster in a temporary folder,
+// reachable only through a Unix socket there, with password-less access.
+// PostgreSQL refuses to run as root, so when the tests do, the cluster belongs
+// to the unprivileged user "nobody".
 class PostgresCluster {
 public:
     PostgresCluster();
@@ -20,18 +21,15 @@ public:
     static PostgresCluster& shared();
 
     bool isUp() const { return up_; }
-    // What went wrong when the cluster is not up.
     QString failure() const { return failure_; }
-
-    // Creates an empty database and returns its address for `--database`.
+    // The address of a new empty database for `--database`; empty when that
+    // failed.
     std::string newDatabase();
-    std::string url(const QString& database) const;
-
-    // Stops the server as an administrator would (open connections are ended), and starts it again.
-    bool stop();
+    bool stop();  // as an administrator would: open connections are ended
     bool start();
 
 private:
+    bool pgctl(const QStringList& arguments);
     bool run(const QString& tool, const QStringList& arguments);
 
     QTemporaryDir dir_;

@@ -44,19 +44,6 @@ private slots:
             QVERIFY2(got == lines, qPrintable(QStringLiteral("cut at byte %1").arg(cut)));
         }
     }
-
-    void byteByByteGivesTheSameLines() {
-        const std::string body = "data: one\r\ndata: two\rdata: three\n";
-        server::StreamLines splitter;
-        std::vector<std::string> got;
-        for (const char byte : body) {
-            for (auto& line : splitter.feed(std::string_view(&byte, 1))) {
-                got.push_back(std::move(line));
-            }
-        }
-        QCOMPARE(got, (std::vector<std::string>{"data: one", "data: two", "data: three"}));
-        QVERIFY(splitter.finish().empty());
-    }
 };
 
 QTEST_GUILESS_MAIN(TestStreamLines)

@@ -1,0 +1,347 @@
+// The server's HTTP API on a loopback port, request by request: sign-in, the account's minutes, speech
+// tokens, sign-out, what survives a restart, and every refusal as a status with an {"error"} sentence.
+// Run once on SQLite and once on PostgreSQL.
+
+#include "runningserver.h"
+#include "serverconfig.h"
+#include "testhttpserver.h"
+
+#include <QFile>
+#include <QRegularExpression>
+#include <QTcpServer>
+#include <QTcpSocket>
+#include <QTest>
+
+namespace {
+
+// One line of a script: "METHOD PATH [BODY]" with its status and a piece of the reply's body, or
+// "signin EMAIL", "token TOKEN", "wait SECONDS", "restart", "mail TEXT" (the mail server received TEXT).
+// "$code" stands for the newest sign-in code and "$wrong" for another one.
+struct Step {
+    Step(QByteArray request, int status = 0, QByteArray reply = {})
+        : request(std::move(request)), status(status), reply(std::move(reply)) {}
+    QByteArray request;
+    int status;
+    QByteArray reply;
+};
+using Script = QList<Step>;
+
+// A mail server that says yes to everything but recipients named "bounce", and keeps what it was sent.
+class FakeSmtpServer : public QTcpServer {
+public:
+    FakeSmtpServer() {
+        connect(this, &QTcpServer::newConnection, this, [this] {
+            QTcpSocket* socket = nextPendingConnection();
+            socket->write("220 fake\r\n");
+            connect(socket, &QTcpSocket::readyRead, socket, [this, socket] {
+                while (socket->canReadLine()) {
+                    reply(socket, socket->readLine());
+                }
+            });
+        });
+        listen(QHostAddress::LocalHost);
+    }
+    const QByteArray& received() const { return received_; }
+    QByteArray lastCode() const {
+        const qsizetype at = received_.lastIndexOf("sign-in code is ");
+        return at < 0 ? QByteArray() : received_.mid(at + 16, 6);
+    }
+
+private:
+    void reply(QTcpSocket* socket, const QByteArray& line) {
+        received_ += line;
+        if (inData_) {
+            inData_ = line != ".\r\n";
+            socket->write(inData_ ? "" : "250 queued\r\n");
+        } else if (line.startsWith("DATA")) {
+            inData_ = true;
+            socket->write("354 go on\r\n");
+        } else {
+            socket->write(line.startsWith("RCPT") && line.contains("bounce") ? "550 no such mailbox\r\n"
+                                                                             : "250 ok\r\n");
+        }
+    }
+
+    QByteArray received_;
+    bool inData_ = false;
+};
+
+const QByteArray answerBody = R"({"question":"Why us?","transcript":[{"speaker":"interviewer","text":"Hi"}],)"
+                              R"("resume":"Go developer","jobDescription":"","extraInstructions":""})";
+
+}  // namespace
+
+Q_DECLARE_METATYPE(Script)
+
+class TestServerApi : public QObject {
+    Q_OBJECT
+
+private:
+    TestHttpServer speechService_;
+    FakeSmtpServer smtp_;
+    QTemporaryDir releases_;
+
+    // Codes come back in the reply unless the settings name a mail server.
+    void play(const QStringList& settings, const Script& script) {
+        std::vector<std::string> arguments;
+        for (QString setting : settings) {
+            setting.replace(QStringLiteral("$speech"), speechService_.url().toString())
+                .replace(QStringLiteral("$smtp"), QString::number(smtp_.serverPort()))
+                .replace(QStringLiteral("$releases"), releases_.path());
+            arguments.push_back(setting.toStdString());
+        }
+        auto parsed = server::parseServerConfig(arguments, [](const std::string&) { return std::nullopt; });
+        auto& config = std::get<server::ServerConfig>(parsed);
+        config.devMode = config.smtpUrl.empty();
+        RunningServer server(config);
+        QVERIFY(server.port() != 0);
+        std::string token;
+        QByteArray code;
+        for (const Step& step : script) {
+            const qsizetype space = step.request.indexOf(' ');
+            const QByteArray verb = space < 0 ? step.request : step.request.left(space);
+            QByteArray rest = step.request.mid(space + 1)
+                                  .replace("$code", code)
+                                  .replace("$wrong", code == "000000" ? "000001" : "000000");
+            if (verb == "signin") {
+                token = devSignIn(server.port(), rest.toStdString());
+                QVERIFY(!token.empty());
+            } else if (verb == "token") {
+                token = rest.toStdString();
+            } else if (verb == "wait") {
+                server.advance(std::chrono::seconds(rest.toLongLong()));
+            } else if (verb == "restart") {
+                server.restart();
+            } else if (verb == "mail") {
+                QVERIFY2(smtp_.received().contains(rest), smtp_.received().constData());
+            } else {
+                const QByteArray path = rest.left(rest.indexOf(' ') < 0 ? rest.size() : rest.indexOf(' '));
+                const HttpCall reply = httpCall(server.port(), verb.toStdString(), path.toStdString(), token,
+                                                rest.mid(path.size() + 1));
+                QVERIFY2(reply.status == step.status && reply.body.contains(step.reply),
+                         qPrintable(step.request.left(200) + " -> " + QByteArray::number(reply.status) + ' ' +
+                                    reply.body.left(300)));
+                if (reply.status >= 400) {
+                    QCOMPARE(reply.contentType, std::string("application/json"));
+                }
+                const QString devCode = reply.json().value(QStringLiteral("devCode")).toString();
+                if (path == "/auth/start" && reply.status == 200) {
+                    code = devCode.isEmpty() ? smtp_.lastCode() : devCode.toLatin1();
+                }
+                if (path == "/auth/verify" && reply.status == 200) {
+                    token = reply.json().value(QStringLiteral("token")).toString().toStdString();
+                }
+            }
+        }
+    }
+
+private slots:
+    void initTestCase() {
+        QVERIFY(speechService_.listen() && smtp_.isListening());
+        speechService_.setHandler([](const TestHttpServer::Received& request) {
+            return request.target == "/v1/auth/grant" && request.header("authorization") == "Token secret-key"
+                       ? TestHttpServer::Response::json(200,
+                                                        R"({"access_token":"short-lived","expires_in":60})")
+                       : TestHttpServer::Response::json(401, "{}");
+        });
+        for (const auto& [name, bytes] : {std::pair{"latest.json", QByteArray(R"({"version":"1.2.0"})")},
+                                          std::pair{"Tallowind-1.2.0.zip", QByteArray("PK\x03\x04 zip")}}) {
+            QFile file(releases_.filePath(QString::fromLatin1(name)));
+            QVERIFY(file.open(QIODevice::WriteOnly) && file.write(bytes) == bytes.size());
+        }
+    }
+
+    void requestsGetTheirStatusAndReply_data() {
+        QTest::addColumn<QStringList>("settings");
+        QTest::addColumn<Script>("script");
+        const auto row = [](const char* name, const Script& script, const QStringList& settings = {}) {
+            QTest::newRow(name) << settings << script;
+        };
+        const auto start = [](const QByteArray& email) {
+            return "POST /auth/start {\"email\":\"" + email + "\"}";
+        };
+        const auto verify = [](const QByteArray& email, const QByteArray& code) {
+            return "POST /auth/verify {\"email\":\"" + email + "\",\"code\":\"" + code + "\"}";
+        };
+        const auto signedIn = [](const Script& script) { return Script{{"signin q@b.co"}} + script; };
+        const auto answer = [](const QByteArray& replace, const QByteArray& with) {
+            return "POST /answer " + QByteArray(answerBody).replace(replace, with);
+        };
+        const QByteArray notJson = "The request body isn't valid JSON.";
+        const QByteArray signedOut = "Your sign-in has ended. Sign in again.";
+        const QByteArray seconds = R"(The field \"sttSeconds\" must be from 1 to 120 seconds.)";
+        const QByteArray line = R"(Each transcript line needs a \"speaker\" (\"interviewer\" or \"me\"))";
+        const QByteArray nothing = "There is nothing at this address on the Tallowind server.";
+        const QByteArray expired = "This code has expired or was already used. Request a new code.";
+        const QByteArray wrong = "That code isn't right. Check the e-mail and try again.";
+        const QByteArray tooMany = "Too many sign-in codes were requested.";
+        const QByteArray me = "GET /me";
+        const QByteArray unknownToken = "token " + QByteArray(64, 'f');
+
+        row("start: empty body", {{"POST /auth/start", 400, "The request needs a JSON object as its body."}});
+        row("start: invalid UTF-8", {{start("a\xff@b.co"), 400, notJson}});
+        row("start: an array", {{R"(POST /auth/start ["a@b.co"])", 400, "must be a JSON object."}});
+        row("start: no email", {{"POST /auth/start {}", 400, R"(The request lacks the field \"email\".)"}});
+        row("start: email a number",
+            {{R"(POST /auth/start {"email":5})", 400, R"(\"email\" must be a string.)"}});
+        row("start: not an address", {{start("nobody"), 400, "Enter a valid e-mail address."}});
+        row("start: oversized", {{start(QByteArray(2 << 20, 'a')), 413, "accepts at most 1048576 bytes."}});
+        row("verify: no code",
+            {{R"(POST /auth/verify {"email":"a@b.co"})", 400, R"(lacks the field \"code\")"}});
+        row("verify: nothing requested", {{verify("a@b.co", "123456"), 400, expired}});
+        row("sign-out: unknown token", {{unknownToken}, {"POST /auth/signout {}", 401, signedOut}});
+        row("me: unknown token", {{unknownToken}, {me, 401, signedOut}});
+        row("speech token: no token", {{"GET /stt-token", 401, signedOut}});
+        row("usage: no seconds", signedIn({{"POST /usage {}", 400, R"(lacks the field \"sttSeconds\")"}}));
+        row("usage: seconds as text",
+            signedIn({{R"(POST /usage {"sttSeconds":"5"})", 400, "must be a number."}}));
+        row("usage: under a second", signedIn({{R"(POST /usage {"sttSeconds":0.5})", 400, seconds}}));
+        row("usage: more than a report holds",
+            signedIn({{R"(POST /usage {"sttSeconds":121})", 400, seconds}}));
+        row("answer: no token", {{answer({}, {}), 401, signedOut}});
+        row("answer: no question",
+            signedIn({{answer(R"("question":"Why us?",)", ""), 400, "lacks the field"}}));
+        row("answer: blank question",
+            signedIn({{answer("Why us?", " \\n "), 400, "There is no question to answer."}}));
+        row("answer: transcript a string",
+            signedIn({{answer(R"([{"speaker":"interviewer","text":"Hi"}])", R"("Hi")"), 400,
+                       "must be a list of lines"}}));
+        row("answer: unknown speaker", signedIn({{answer("interviewer", "narrator"), 400, line}}));
+        row("answer: line without text", signedIn({{answer(R"(,"text":"Hi")", ""), 400, line}}));
+        row("answer: an event stream that ends with done",
+            signedIn({{answer({}, {}), 200, R"(data: {"type":"done"})"}}));
+        row("unknown path", signedIn({{"GET /admin", 404, nothing}}));
+        row("releases when none are configured", {{"GET /releases/latest.json", 404, nothing}});
+        row("releases from their folder, and nothing beside it",
+            {{"GET /releases/latest.json", 200, R"({"version":"1.2.0"})"},
+             {"GET /releases/Tallowind-1.2.0.zip", 200, "PK\x03\x04 zip"},
+             {"GET /releases/../tallowind.sqlite3", 404, nothing}},
+            {"--releases=$releases"});
+
+        row("a development code signs in once, for the address as typed",
+            {{start("Ada@Example.org "), 200, R"("devCode")"},
+             {verify("ada@example.org", "$wrong"), 400, wrong},
+             {verify("ada@example.org", " $code "), 200, R"("email":"ada@example.org")"},
+             {me, 200, R"({"email":"ada@example.org","minutesLimit":600,"minutesUsed":0})"},
+             {verify("ada@example.org", "$code"), 400, expired}});
+        row("a code works just under ten minutes",
+            {{start("c@b.co"), 200}, {"wait 599"}, {verify("c@b.co", "$code"), 200}});
+        row("a code expires after ten minutes",
+            {{start("c@b.co"), 200}, {"wait 600"}, {verify("c@b.co", "$code"), 400, expired}});
+        Script tries{{start("d@b.co"), 200}};
+        for (int attempt = 1; attempt < 5; ++attempt) {
+            tries.append({verify("d@b.co", "$wrong"), 400, wrong});
+        }
+        row("five wrong tries use the code up, and a new code starts a new count",
+            tries + Script{{verify("d@b.co", "$wrong"), 400, "no tries left"},
+                           {verify("d@b.co", "$code"), 400, expired},
+                           {start("d@b.co"), 200},
+                           {verify("d@b.co", "$code"), 200}});
+        row("codes are limited per address and per machine, over a sliding hour",
+            {{start("f@b.co"), 200},
+             {start("f@b.co"), 200},
+             {start("f@b.co"), 429, tooMany},
+             {start("g@b.co"), 200},
+             {start("n@b.co"), 429, tooMany},
+             {"wait 3601"},
+             {start("f@b.co"), 200}},
+            {"--codes-per-email=2", "--codes-per-address=4"});
+        const QStringList mailServer{"--smtp-url=smtp://127.0.0.1:$smtp",
+                                     "--smtp-from=signin@tallowind.test"};
+        row("without development mode the code is mailed, not returned",
+            {{start("Flo@b.co"), 200, "{}"},
+             {"mail MAIL FROM:<signin@tallowind.test>"},
+             {"mail RCPT TO:<flo@b.co>"},
+             {"mail Subject: Your Tallowind sign-in code: $code\r\n"},
+             {verify("flo@b.co", "$code"), 200}},
+            mailServer);
+        row("a mail server that refuses the address leaves no code behind",
+            {{start("bounce@b.co"), 502, "The sign-in e-mail couldn't be sent."},
+             {verify("bounce@b.co", "123456"), 400, expired}},
+            mailServer);
+        row("usage adds up to whole minutes of the month",
+            signedIn({{R"(POST /usage {"sttSeconds":59.5})", 200},
+                      {me, 200, R"("minutesUsed":0)"},
+                      {R"(POST /usage {"sttSeconds":1})", 200},
+                      {me, 200, R"("minutesUsed":1)"},
+                      {R"(POST /usage {"sttSeconds":60})", 200},
+                      {R"(POST /usage {"sttSeconds":59.5})", 200},
+                      {me, 200, R"("minutesUsed":3)"},
+                      {"wait 2764800"},
+                      {me, 200, R"("minutesUsed":0)"}}));
+        row("signing out revokes the token",
+            signedIn({{"POST /auth/signout {}", 200}, {me, 401, signedOut}}));
+        row("tokens and minutes survive a restart",
+            signedIn(
+                {{R"(POST /usage {"sttSeconds":120})", 200}, {"restart"}, {me, 200, R"("minutesUsed":2)"}}));
+        row("the speech token needs a key",
+            signedIn({{"GET /stt-token", 503, "Speech recognition is not set up"}}));
+        row("the speech token needs minutes left",
+            signedIn({{"GET /stt-token", 200, R"({"token":"short-lived"})"},
+                      {R"(POST /usage {"sttSeconds":61})", 200},
+                      {"GET /stt-token", 403, "You've used all 1 listening minutes of this month."}}),
+            {"--minutes-limit=1", "--speech-key=secret-key", "--speech-url=$speech"});
+    }
+
+    void requestsGetTheirStatusAndReply() {
+        QFETCH(QStringList, settings);
+        QFETCH(Script, script);
+        play(settings, script);
+    }
+
+    // curl -X POST sends neither a body nor a length; the connection must stay in step.
+    void aPostWithoutBodyOrLengthIsAnEmptyBody() {
+        RunningServer server;
+        const QByteArray auth =
+            "Authorization: Bearer " + QByteArray::fromStdString(devSignIn(server.port(), "rae@example.org"));
+        QTcpSocket socket;
+        socket.connectToHost(QStringLiteral("127.0.0.1"), static_cast<quint16>(server.port()));
+        QVERIFY(socket.waitForConnected(3000));
+        QByteArray received;
+        for (const QByteArray request : {"POST /usage", "POST /auth/signout", "GET /me"}) {
+            socket.write(request + " HTTP/1.1\r\nHost: x\r\n" + auth + "\r\n\r\n");
+            const auto before = received.count("HTTP/1.1 ");
+            while ((received.count("HTTP/1.1 ") == before || !received.endsWith('}')) &&
+                   socket.waitForReadyRead(3000)) {
+                received += socket.readAll();
+            }
+        }
+        QStringList statuses;
+        for (auto it = QRegularExpression(QStringLiteral("HTTP/1.1 (\\d+)"))
+                           .globalMatch(QString::fromLatin1(received));
+             it.hasNext();) {
+            statuses.append(it.next().captured(1));
+        }
+        QCOMPARE(statuses, (QStringList{"400", "200", "401"}));
+        QVERIFY(received.contains("The request needs a JSON object as its body."));
+    }
+
+    void racingUsageReportsLoseNoSeconds() {
+        RunningServer server;
+        const std::string token = devSignIn(server.port(), "uma@example.org");
+        std::vector<std::future<int>> reporters;
+        for (int i = 0; i < 20; ++i) {
+            reporters.push_back(std::async(std::launch::async, [&] {
+                int accepted = 0;
+                for (int report = 0; report < 15; ++report) {
+                    accepted += httpAsync(server.port(), "POST", "/usage", token, R"({"sttSeconds":2})")
+                                    .get()
+                                    .status == 200;
+                }
+                return accepted;
+            }));
+        }
+        for (auto& reporter : reporters) {
+            QCOMPARE(reporter.get(), 15);
+        }
+        // 600 seconds: a single lost report would leave 9 minutes.
+        QCOMPARE(httpCall(server.port(), "GET", "/me", token)
+                     .json()
+                     .value(QStringLiteral("minutesUsed"))
+                     .toInteger(),
+                 10);
+    }
+};
+
+QTEST_GUILESS_MAIN(TestServerApi)
+#include "tst_serverapi.moc"
