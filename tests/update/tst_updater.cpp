@@ -142,7 +142,7 @@ void UpdaterTest::versionsCompareAsDottedNumbers() {
 
 void UpdaterTest::manifestNeedsItsThreeTexts_data() {
     QTest::addColumn<QByteArray>("body");
-    QTest::addColumn<QString>("decoded");  // the notes, or a part of the failure
+    QTest::addColumn<QString>("decoded");  // the notes, or words of the failure
     const QByteArray base = R"({"version":"1.4.2","zip":"releases/T.zip","sha256":"AB")";
     QTest::newRow("notes missing, other keys ignored")
         << base + QByteArray(R"(,"size":12})") << u"no notes"_s;
