@@ -86,16 +86,21 @@ void OnboardingTest::newcomerSignsInGivesAResumeAndFinishes() {
     QVERIFY2(rig.prepared, "the development server did not start");
     QCOMPARE(view.step(), OnboardingView::Step::signIn);
 
+    // The buttons follow the sign-in rules as the user types.
     QLineEdit* email = find<QLineEdit>(view, u"Email"_s);
+    QPushButton* send = find<QPushButton>(view, u"Email me a code"_s);
+    QVERIFY(!send->isEnabled());
     QTest::keyClicks(email, u"Ann.Lee@Example.COM  "_s);
-    find<QPushButton>(view, u"Email me a code"_s)->click();
+    send->click();
     QTRY_VERIFY(find<QLabel>(view, u"Enter the 6-digit code we sent to Ann.Lee@Example.COM  "_s));
     const QString firstCode = devCode(view);
     QCOMPARE(firstCode.size(), 6);
 
     // Back to the form the address stays, the code is emptied, and a new request brings a new code.
     QLineEdit* code = find<QLineEdit>(view, u"Code"_s);
+    QPushButton* verify = find<QPushButton>(view, u"Continue"_s);
     QTest::keyClicks(code, u"12"_s);
+    QVERIFY(!verify->isEnabled());
     find<QPushButton>(view, u"Use a different email"_s)->click();
     QVERIFY(code->text().isEmpty());
     QTest::keyClick(email, Qt::Key_Return);
@@ -104,7 +109,6 @@ void OnboardingTest::newcomerSignsInGivesAResumeAndFinishes() {
 
     // A wrong code is refused with the server's message, and the form stays as it was.
     QTest::keyClicks(code, firstCode);
-    QPushButton* verify = find<QPushButton>(view, u"Continue"_s);
     verify->click();
     QCOMPARE(verify->text(), u"Checking\u2026"_s);
     QTRY_COMPARE(verify->text(), u"Continue"_s);
