@@ -12,7 +12,7 @@ FakeSession::FakeSession(bool useMic) : settings_(dir_.filePath(QStringLiteral("
     parts.systemCapture = std::make_unique<FakeCapture>(system_);
     parts.micCapture = std::make_unique<FakeCapture>(mic_);
     parts.microphoneAccess = std::make_unique<FakeMicrophoneAccess>(access_);
-    parts.clock = std::make_unique<ManualClock>(clock_);
+    parts.clock = std::make_unique<ManualClock>(std::make_shared<ManualClock::Record>());
     session_ = std::make_unique<SessionController>(std::move(parts));
 }
 
@@ -25,30 +25,6 @@ void FakeSession::listen() {
         FakeCapture::finishStart(*mic_, Done{});
         report(Speaker::me, SpeechStream::Event::connected());
     }
-}
-
-void FakeSession::hear(Speaker speaker, const QString& text) {
-    report(speaker, SpeechStream::Event::interim(text));
-}
-
-void FakeSession::say(Speaker speaker, const QString& text) {
-    report(speaker, SpeechStream::Event::final(text, true));
-}
-
-void FakeSession::failStream(Speaker speaker, const QString& message) {
-    report(speaker, SpeechStream::Event::failed(message));
-}
-
-void FakeSession::ask(const QString& question) {
-    session_->ask(question);
-}
-
-void FakeSession::answerPiece(const QString& text) {
-    backend_->answers.back()->piece(text);
-}
-
-void FakeSession::answerFails(const QString& message) {
-    backend_->answers.back()->end(Failure(BackendError::network(message)));
 }
 
 void FakeSession::report(Speaker speaker, const SpeechStream::Event& event) {

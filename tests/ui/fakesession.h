@@ -17,19 +17,21 @@ public:
     SessionController& session() { return *session_; }
     AppSettings& settings() { return settings_; }
 
-    // Starts listening with both captures running and both streams connected (the microphone's only
-    // when it is used).
+    // Both captures running and both streams connected (the microphone's only when it is used).
     void listen();
-    // Words still being heard, and a finished utterance, which becomes a committed line.
-    void hear(Speaker speaker, const QString& text);
-    void say(Speaker speaker, const QString& text);
-    // A stream reports a failure, which becomes the session's notice.
-    void failStream(Speaker speaker, const QString& message);
-
-    // An answer request that the backend has not answered yet.
-    void ask(const QString& question);
-    void answerPiece(const QString& text);
-    void answerFails(const QString& message);
+    void hear(Speaker speaker, const QString& text) { report(speaker, SpeechStream::Event::interim(text)); }
+    void say(Speaker speaker, const QString& text) {
+        report(speaker, SpeechStream::Event::final(text, true));
+    }
+    void failStream(Speaker speaker, const QString& message) {
+        report(speaker, SpeechStream::Event::failed(message));
+    }
+    void ask(const QString& question) { session_->ask(question); }
+    // The answer the backend is giving now.
+    void answerPiece(const QString& text) { backend_->answers.back()->piece(text); }
+    void answerFails(const QString& message) {
+        backend_->answers.back()->end(Failure(BackendError::network(message)));
+    }
 
 private:
     void report(Speaker speaker, const SpeechStream::Event& event);
@@ -41,6 +43,5 @@ private:
     std::shared_ptr<FakeCapture::Record> mic_ = std::make_shared<FakeCapture::Record>();
     std::shared_ptr<FakeBackend::Record> backend_ = std::make_shared<FakeBackend::Record>();
     std::shared_ptr<FakeMicrophoneAccess::Record> access_ = std::make_shared<FakeMicrophoneAccess::Record>();
-    std::shared_ptr<ManualClock::Record> clock_ = std::make_shared<ManualClock::Record>();
     std::unique_ptr<SessionController> session_;
 };

@@ -24,8 +24,8 @@ private:
     QUrl url_;
 };
 
-// Stands in for the sound server: answers with whatever the test has set, and counts the times the sound
-// settings were asked for.
+// Stands in for the sound server: answers later, on the main thread, with whatever the test has set
+// through `grants()`, and counts the times the sound settings were asked for.
 class FakePermissions : public Permissions::Source {
 public:
     explicit FakePermissions(Permissions::Grants grants = {})
@@ -34,7 +34,6 @@ public:
     void check(std::function<void(Permissions::Grants)> answer) override;
     void openSoundSettings() override { ++*settingsOpened_; }
 
-    // Handles that stay valid after the fake has been handed to a view.
     std::shared_ptr<Permissions::Grants> grants() const { return grants_; }
     std::shared_ptr<int> settingsOpened() const { return settingsOpened_; }
 

@@ -1,98 +1,51 @@
-#include "appsettings.h"
-#include "backendclient.h"
-#include "sessioncontroller.h"
-#include "sessionfakes.h"
+#include "fakesession.h"
 #include "settingsview.h"
-#include "testenvironment.h"
-#include "testhttpserver.h"
 
-#include <QCheckBox>
-#include <QJsonDocument>
-#include <QJsonObject>
 #include <QLabel>
-#include <QLineEdit>
 #include <QPlainTextEdit>
-#include <QProgressBar>
 #include <QPushButton>
 #include <QSignalSpy>
-#include <QSlider>
 #include <QTabWidget>
 #include <QTest>
 
+using namespace Qt::StringLiterals;
+
 namespace {
 
-// One thing the test does to the Account tab, and what its account block shows afterwards.
-struct AccountStep {
-    enum class Action { open, leave, succeed, fail };
-    Action action;
-    QString shows;  // "loading", "error: TEXT" or "EMAIL, MINUTES"
-};
+const QString offline = u"Can't reach Tallowind. Check your internet connection."_s;
 
-const Account ada{QStringLiteral("ada@example.test"), 42, 600};
-const QString adaShown = QStringLiteral("ada@example.test, 42 of 600 min");
-const QString offline = QStringLiteral("Can't reach Tallowind. Check your internet connection.");
+// The view over a session of fakes. Account loads wait until the test finishes them; the resume picker
+// yields `picked`.
+struct Rig {
+    Rig() { view.show(); }
 
-// The view over real settings in a private home and a session whose backend is the real client, so that
-// an answer goes to whatever server TALLOWIND_SERVER names. Account loads wait until the test finishes
-// them; the resume picker yields `picked`.
-struct Harness {
-    Harness() {
-        SessionController::Parts parts;
-        parts.settings = &settings;
-        parts.backend = SessionBackend::over(client);
-        parts.systemCapture = std::make_unique<FakeCapture>(std::make_shared<FakeCapture::Record>());
-        parts.micCapture = std::make_unique<FakeCapture>(std::make_shared<FakeCapture::Record>());
-        parts.microphoneAccess =
-            std::make_unique<FakeMicrophoneAccess>(std::make_shared<FakeMicrophoneAccess::Record>());
-        session = std::make_unique<SessionController>(std::move(parts));
-        view = std::make_unique<SettingsView>(
-            settings, *session, [this](Completion<Account> done) { loads.append(std::move(done)); },
-            [this](QWidget*) { return picked; });
-        view->show();
+    template <typename T = QWidget>
+    T* part(const char* name) const {
+        return view.findChild<T*>(QLatin1String(name));
     }
 
-    template <typename T>
-    T* child(const char* name) const {
-        return view->findChild<T*>(QLatin1String(name));
-    }
-    QTabWidget* tabs() const { return view->findChild<QTabWidget*>(); }
-    QPushButton* button(const QString& text) const {
-        for (QPushButton* button : view->findChildren<QPushButton*>()) {
-            if (button->text() == text) {
-                return button;
-            }
+    // The Account tab's block, whether or not that tab is the current one, then the resume's length.
+    QString shown() const {
+        const QWidget* page = view.findChild<QTabWidget*>()->widget(2);
+        QString account =
+            part<QLabel>("accountEmail")->text() + ", "_L1 + part<QLabel>("accountMinutes")->text();
+        if (part("accountLoading")->isVisibleTo(page)) {
+            account = u"loading"_s;
+        } else if (part("accountError")->isVisibleTo(page)) {
+            account = "error: "_L1 + part<QLabel>("accountError")->text();
         }
-        return nullptr;
-    }
-    QString editorText(const char* name) const {
-        return child<QPlainTextEdit>(name)->document()->toRawText().replace(QChar::ParagraphSeparator, u'\n');
-    }
-    // What the Account tab's block shows, whether or not the tab is the current one.
-    QString accountShown() const {
-        const QWidget* page = tabs()->widget(2);
-        if (child<QProgressBar>("accountLoading")->isVisibleTo(page)) {
-            return QStringLiteral("loading");
-        }
-        if (auto* error = child<QLabel>("accountError"); error->isVisibleTo(page)) {
-            return QStringLiteral("error: ") + error->text();
-        }
-        return child<QLabel>("accountEmail")->text() + QStringLiteral(", ") +
-               child<QLabel>("accountMinutes")->text();
+        return account + " | "_L1 + part<QLabel>("resumeLength")->text();
     }
 
-    TestHome home;
-    AppSettings settings{home.configPath() + QStringLiteral("/settings.ini")};
-    BackendClient client;
-    std::unique_ptr<SessionController> session;
+    FakeSession fake;
     QList<Completion<Account>> loads;
     std::optional<QString> picked;
-    std::unique_ptr<SettingsView> view;
+    SettingsView view{fake.settings(), fake.session(),
+                      [this](Completion<Account> done) { loads.append(std::move(done)); },
+                      [this](QWidget*) { return picked; }};
 };
 
 }  // namespace
-
-Q_DECLARE_METATYPE(AccountStep)
-Q_DECLARE_METATYPE(std::optional<QString>)
 
 class SettingsViewTest : public QObject {
     Q_OBJECT
@@ -100,212 +53,159 @@ class SettingsViewTest : public QObject {
 private slots:
     void accountBlockFollowsLoads_data();
     void accountBlockFollowsLoads();
-    void overlayFollowsTheControls_data();
-    void overlayFollowsTheControls();
-    void controlsFollowChangesMadeElsewhere_data();
-    void controlsFollowChangesMadeElsewhere();
-    void resumeCountIsInCharactersAReaderSees_data();
-    void resumeCountIsInCharactersAReaderSees();
-    void importReplacesTheWholeResume_data();
-    void importReplacesTheWholeResume();
-    void typingKeepsNoBreakSpacesInTheResume();
+    void controlsAndSettingsFollowEachOther_data();
+    void controlsAndSettingsFollowEachOther();
+    void resumeShowsItsLengthInCharactersAReaderSees_data();
+    void resumeShowsItsLengthInCharactersAReaderSees();
+    void editorsAreNamedAndTypingKeepsNoBreakSpaces();
     void askSendsTheTestQuestionWithoutListening();
 };
 
 void SettingsViewTest::accountBlockFollowsLoads_data() {
-    using A = AccountStep::Action;
-    QTest::addColumn<QList<AccountStep>>("steps");
+    // "open" and "leave" the Account tab, "ok" and "fail" finish the oldest unfinished load.
+    QTest::addColumn<QString>("steps");
+    QTest::addColumn<QStringList>("shows");
+    const QString ada = u"ada@example.test, 42 of 600 min"_s;
+    const QString error = "error: "_L1 + offline;
+    const QString loading = u"loading"_s;
     QTest::newRow("a loaded account shows its address and minutes")
-        << QList<AccountStep>{{A::open, "loading"}, {A::succeed, adaShown}};
+        << u"open ok"_s << QStringList{loading, ada};
     QTest::newRow("no network shows the error, the network back shows the account")
-        << QList<AccountStep>{{A::open, "loading"},
-                              {A::fail, "error: " + offline},
-                              {A::leave, "error: " + offline},
-                              {A::open, "error: " + offline},
-                              {A::succeed, adaShown}};
-    QTest::newRow("a failed reload keeps the old account") << QList<AccountStep>{{A::open, "loading"},
-                                                                                 {A::succeed, adaShown},
-                                                                                 {A::leave, adaShown},
-                                                                                 {A::open, adaShown},
-                                                                                 {A::fail, adaShown}};
+        << u"open fail leave open ok"_s << QStringList{loading, error, error, error, ada};
+    QTest::newRow("a failed reload keeps the old account")
+        << u"open ok leave open fail"_s << QStringList{loading, ada, ada, ada, ada};
     QTest::newRow("a load that ends after the tab was left is dropped")
-        << QList<AccountStep>{{A::open, "loading"},
-                              {A::leave, "loading"},
-                              {A::succeed, "loading"},
-                              {A::open, "loading"},
-                              {A::succeed, adaShown}};
+        << u"open leave ok open ok"_s << QStringList{loading, loading, loading, loading, ada};
 }
 
 void SettingsViewTest::accountBlockFollowsLoads() {
-    QFETCH(QList<AccountStep>, steps);
-    Harness h;
-    QTabWidget* tabs = h.tabs();
-    QCOMPARE(tabs->currentIndex(), 0);
-    QVERIFY(h.loads.isEmpty());
-
-    int finished = 0;
-    for (const AccountStep& step : steps) {
-        switch (step.action) {
-            case AccountStep::Action::open:
-                tabs->setCurrentIndex(2);
-                break;
-            case AccountStep::Action::leave:
-                tabs->setCurrentIndex(0);
-                break;
-            case AccountStep::Action::succeed:
-            case AccountStep::Action::fail:
-                QVERIFY2(finished < h.loads.size(), "every open starts one load");
-                h.loads[finished++](step.action == AccountStep::Action::succeed
-                                        ? Result<Account>(ada)
-                                        : Result<Account>(BackendError::network(offline)));
-                break;
+    QFETCH(QString, steps);
+    QFETCH(QStringList, shows);
+    Rig rig;
+    QStringList shown;
+    qsizetype finished = 0;
+    for (const QString& step : steps.split(u' ')) {
+        if (step == "open"_L1 || step == "leave"_L1) {
+            rig.view.findChild<QTabWidget*>()->setCurrentIndex(step == "open"_L1 ? 2 : 0);
+        } else {
+            QVERIFY2(finished < rig.loads.size(), "every open starts one load");
+            rig.loads[finished++](step == "ok"_L1 ? Result<Account>(Account{u"ada@example.test"_s, 42, 600})
+                                                  : Result<Account>(BackendError::network(offline)));
         }
-        QCOMPARE(h.accountShown(), step.shows);
+        shown << rig.shown().section(" | "_L1, 0, 0);
     }
-    QCOMPARE(h.loads.size(), finished);
+    QCOMPARE(shown, shows);
+    QCOMPARE(rig.loads.size(), finished);
 }
 
-void SettingsViewTest::overlayFollowsTheControls_data() {
-    QTest::addColumn<QByteArray>("control");
-    QTest::addColumn<int>("key");
-    QTest::addColumn<QByteArray>("setting");
-    QTest::addColumn<QVariant>("expected");
-    QTest::newRow("the slider's left end makes the overlay 40 % opaque")
-        << QByteArray("overlayOpacity") << int(Qt::Key_Home) << QByteArray("overlayOpacity") << QVariant(0.4);
-    QTest::newRow("the slider's right end makes it fully opaque")
-        << QByteArray("overlayOpacity") << int(Qt::Key_End) << QByteArray("overlayOpacity") << QVariant(1.0);
-    QTest::newRow("click-through switched on")
-        << QByteArray("clickThrough") << int(Qt::Key_Space) << QByteArray("clickThrough") << QVariant(true);
-}
-
-void SettingsViewTest::overlayFollowsTheControls() {
-    QFETCH(QByteArray, control);
-    QFETCH(int, key);
-    QFETCH(QByteArray, setting);
-    QFETCH(QVariant, expected);
-    Harness h;
-    h.settings.setOverlayOpacity(0.45);
-    h.tabs()->setCurrentIndex(1);
-    QSignalSpy applied(h.view.get(), &SettingsView::applyOverlaySettingsRequested);
-
-    QTest::keyClick(h.child<QWidget>(control), Qt::Key(key));
-    QCOMPARE(h.settings.property(setting), expected);
-    QVERIFY(!applied.isEmpty());
-}
-
-void SettingsViewTest::controlsFollowChangesMadeElsewhere_data() {
-    QTest::addColumn<QByteArray>("setting");
-    QTest::addColumn<QVariant>("value");
-    QTest::addColumn<QByteArray>("control");
+void SettingsViewTest::controlsAndSettingsFollowEachOther_data() {
+    // A key pressed on the control (or the setting changed elsewhere), then what the control and the
+    // setting hold.
+    QTest::addColumn<QByteArray>("name");
+    QTest::addColumn<QVariant>("change");
     QTest::addColumn<QByteArray>("shownAs");
     QTest::addColumn<QVariant>("shown");
+    QTest::addColumn<QVariant>("stored");
+    QTest::newRow("the slider's left end makes the overlay 40 % opaque")
+        << QByteArray("overlayOpacity") << QVariant::fromValue(Qt::Key_Home) << QByteArray("value")
+        << QVariant(400) << QVariant(0.4);
+    QTest::newRow("the slider's right end makes it fully opaque")
+        << QByteArray("overlayOpacity") << QVariant::fromValue(Qt::Key_End) << QByteArray("value")
+        << QVariant(1000) << QVariant(1.0);
+    QTest::newRow("click-through switched on")
+        << QByteArray("clickThrough") << QVariant::fromValue(Qt::Key_Space) << QByteArray("checked")
+        << QVariant(true) << QVariant(true);
     QTest::newRow("the click-through shortcut ticks the switch")
-        << QByteArray("clickThrough") << QVariant(true) << QByteArray("clickThrough") << QByteArray("checked")
+        << QByteArray("clickThrough") << QVariant(true) << QByteArray("checked") << QVariant(true)
         << QVariant(true);
     QTest::newRow("an opacity set elsewhere moves the slider")
-        << QByteArray("overlayOpacity") << QVariant(0.55) << QByteArray("overlayOpacity")
-        << QByteArray("value") << QVariant(550);
+        << QByteArray("overlayOpacity") << QVariant(0.55) << QByteArray("value") << QVariant(550)
+        << QVariant(0.55);
     QTest::newRow("a stored opacity below the range shows at the left end and is not rewritten")
-        << QByteArray("overlayOpacity") << QVariant(0.2) << QByteArray("overlayOpacity")
-        << QByteArray("value") << QVariant(400);
-    QTest::newRow("a resume written elsewhere fills the editor")
-        << QByteArray("resume") << QVariant("Line one\nLine two") << QByteArray("resume")
-        << QByteArray("plainText") << QVariant("Line one\nLine two");
+        << QByteArray("overlayOpacity") << QVariant(0.2) << QByteArray("value") << QVariant(400)
+        << QVariant(0.2);
 }
 
-void SettingsViewTest::controlsFollowChangesMadeElsewhere() {
-    QFETCH(QByteArray, setting);
-    QFETCH(QVariant, value);
-    QFETCH(QByteArray, control);
+void SettingsViewTest::controlsAndSettingsFollowEachOther() {
+    QFETCH(QByteArray, name);
+    QFETCH(QVariant, change);
     QFETCH(QByteArray, shownAs);
     QFETCH(QVariant, shown);
-    Harness h;
-    h.settings.setProperty(setting, value);
-    QCOMPARE(h.child<QWidget>(control)->property(shownAs), shown);
-    QCOMPARE(h.settings.property(setting), value);
+    QFETCH(QVariant, stored);
+    Rig rig;
+    rig.fake.settings().setOverlayOpacity(0.45);
+    rig.view.findChild<QTabWidget*>()->setCurrentIndex(1);
+    QSignalSpy applied(&rig.view, &SettingsView::applyOverlaySettingsRequested);
+    if (change.typeId() == QMetaType::fromType<Qt::Key>().id()) {
+        QTest::keyClick(rig.part(name), change.value<Qt::Key>());
+        QVERIFY(!applied.isEmpty());
+    } else {
+        rig.fake.settings().setProperty(name, change);
+    }
+    QCOMPARE(rig.part(name)->property(shownAs), shown);
+    QCOMPARE(rig.fake.settings().property(name), stored);
 }
 
-void SettingsViewTest::resumeCountIsInCharactersAReaderSees_data() {
+void SettingsViewTest::resumeShowsItsLengthInCharactersAReaderSees_data() {
+    // The resume written elsewhere, or the text the picker yields (none: the pick was cancelled).
     QTest::addColumn<QString>("resume");
-    QTest::addColumn<int>("characters");
-    QTest::newRow("empty") << QString() << 0;
-    QTest::newRow("plain letters") << QStringLiteral("Hello") << 5;
-    QTest::newRow("precomposed accents") << QStringLiteral("Café résumé") << 11;
-    QTest::newRow("a combining accent counts with its letter") << QStringLiteral("Cafe\u0301") << 4;
-    QTest::newRow("an emoji with a skin tone") << QStringLiteral("\U0001F44D\U0001F3FD ok") << 4;
-    QTest::newRow("a family emoji counts once")
-        << QStringLiteral("\U0001F468\u200D\U0001F469\u200D\U0001F467\u200D\U0001F466") << 1;
-    QTest::newRow("two flags") << QStringLiteral("\U0001F1E9\U0001F1EA\U0001F1EB\U0001F1F7") << 2;
-    QTest::newRow("a Windows line break counts once") << QStringLiteral("a\r\nb") << 3;
-}
-
-void SettingsViewTest::resumeCountIsInCharactersAReaderSees() {
-    QFETCH(QString, resume);
-    QFETCH(int, characters);
-    Harness h;
-    h.settings.setResume(resume);
-    QCOMPARE(h.child<QLabel>("resumeLength")->text(), QStringLiteral("%1 characters").arg(characters));
-}
-
-void SettingsViewTest::importReplacesTheWholeResume_data() {
     QTest::addColumn<std::optional<QString>>("picked");
-    QTest::addColumn<QString>("expected");
+    QTest::addColumn<int>("characters");
+    QTest::newRow("precomposed accents and a Windows line break")
+        << u"Café\r\nrésumé"_s << std::optional<QString>() << 11;
+    QTest::newRow("a combining accent counts with its letter")
+        << u"Cafe\u0301"_s << std::optional<QString>() << 4;
+    QTest::newRow("an emoji with a skin tone, a family and two flags")
+        << u"\U0001F44D\U0001F3FD ok \U0001F468\u200D\U0001F469\u200D\U0001F467\u200D\U0001F466 \U0001F1E9\U0001F1EA\U0001F1EB\U0001F1F7"_s
+        << std::optional<QString>() << 9;
     QTest::newRow("a picked file replaces the text")
-        << std::optional<QString>(QStringLiteral("New resume")) << QStringLiteral("New resume");
-    QTest::newRow("a picked empty PDF empties it") << std::optional<QString>(QString()) << QString();
-    QTest::newRow("a cancelled pick keeps the old text")
-        << std::optional<QString>() << QStringLiteral("Old resume\nwith two lines");
+        << u"Old"_s << std::optional<QString>(u"New resume"_s) << 10;
+    QTest::newRow("a picked empty PDF empties it") << u"Old"_s << std::optional<QString>(QString()) << 0;
 }
 
-void SettingsViewTest::importReplacesTheWholeResume() {
+void SettingsViewTest::resumeShowsItsLengthInCharactersAReaderSees() {
+    QFETCH(QString, resume);
     QFETCH(std::optional<QString>, picked);
-    QFETCH(QString, expected);
-    Harness h;
-    h.settings.setResume(QStringLiteral("Old resume\nwith two lines"));
-    h.picked = picked;
-
-    QPushButton* import = h.button(QStringLiteral("Import PDF…"));
-    QVERIFY(import);
-    import->click();
-    QCOMPARE(h.settings.resume(), expected);
-    QCOMPARE(h.editorText("resume"), expected);
-    QCOMPARE(h.child<QLabel>("resumeLength")->text(), QStringLiteral("%1 characters").arg(expected.size()));
+    QFETCH(int, characters);
+    Rig rig;
+    rig.fake.settings().setResume(resume);
+    rig.picked = picked;
+    for (QPushButton* button : rig.view.findChildren<QPushButton*>()) {
+        if (button->text() == u"Import PDF…"_s) {
+            button->click();
+        }
+    }
+    const QString expected = picked.value_or(resume);
+    QCOMPARE(rig.fake.settings().resume(), expected);
+    QCOMPARE(rig.part<QPlainTextEdit>("resume")->toPlainText(),
+             QString(expected).replace(u"\r\n"_s, u"\n"_s));
+    QCOMPARE(rig.shown().section(" | "_L1, 1), u"%1 characters"_s.arg(characters));
 }
 
-void SettingsViewTest::typingKeepsNoBreakSpacesInTheResume() {
-    Harness h;
-    h.settings.setResume(QStringLiteral("Ada\u00A0Lovelace"));
-    auto* editor = h.child<QPlainTextEdit>("resume");
+void SettingsViewTest::editorsAreNamedAndTypingKeepsNoBreakSpaces() {
+    Rig rig;
+    QStringList names;
+    for (const QPlainTextEdit* editor : rig.view.findChildren<QPlainTextEdit*>()) {
+        names << editor->accessibleName();
+    }
+    QCOMPARE(names, (QStringList{u"Resume"_s, u"Job description (optional)"_s,
+                                 u"Anything Tallowind should always keep in mind (optional)"_s}));
+
+    rig.fake.settings().setResume(u"Ada\u00A0Lovelace"_s);
+    auto* editor = rig.part<QPlainTextEdit>("resume");
     editor->moveCursor(QTextCursor::End);
-    QTest::keyClicks(editor, QStringLiteral("!"));
-    QCOMPARE(h.settings.resume(), QStringLiteral("Ada\u00A0Lovelace!"));
+    QTest::keyClicks(editor, u"!"_s);
+    QCOMPARE(rig.fake.settings().resume(), u"Ada\u00A0Lovelace!"_s);
 }
 
 void SettingsViewTest::askSendsTheTestQuestionWithoutListening() {
-    Harness h;
-    TestHttpServer server;
-    QVERIFY(server.listen());
-    h.home.environment().set("TALLOWIND_SERVER", server.url().toString().toUtf8());
-    h.home.environment().set("TALLOWIND_TOKEN", "session-token");
-    server.setHandler([](const TestHttpServer::Received&) {
-        return TestHttpServer::Response::stream({{R"(data: {"type":"text","text":"Use OAuth."})"
-                                                  "\n\n",
-                                                  0}});
-    });
-    QSignalSpy overlayShown(h.view.get(), &SettingsView::showOverlayRequested);
-
-    h.tabs()->setCurrentIndex(1);
-    QVERIFY(!h.session->isRunning());
-    h.button(QStringLiteral("Ask"))->click();
-
+    Rig rig;
+    QSignalSpy overlayShown(&rig.view, &SettingsView::showOverlayRequested);
+    rig.part<QPushButton>("ask")->click();
     QCOMPARE(overlayShown.size(), 1);
-    QTRY_COMPARE(h.session->answer(), QStringLiteral("Use OAuth."));
-    QVERIFY(!h.session->isRunning());
-    QCOMPARE(server.received().size(), 1);
-    QCOMPARE(server.received().at(0).target, QByteArray("/answer"));
-    const QJsonObject body = QJsonDocument::fromJson(server.received().at(0).body).object();
-    QCOMPARE(body.value(QLatin1String("question")).toString(),
-             QStringLiteral("How would you design a page for users to connect their bank account safely?"));
+    QCOMPARE(rig.fake.session().question(),
+             u"How would you design a page for users to connect their bank account safely?"_s);
+    QVERIFY(!rig.fake.session().isRunning());
 }
 
 QTEST_MAIN(SettingsViewTest)

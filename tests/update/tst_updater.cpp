@@ -7,18 +7,37 @@
 
 #include <QCryptographicHash>
 #include <QDir>
-#include <QFile>
 #include <QProcess>
 #include <QRegularExpression>
 #include <QTemporaryDir>
 #include <QTest>
 #include <QTimer>
 
+using namespace Qt::StringLiterals;
+
 Q_DECLARE_METATYPE(UpdateDialog)
 
 namespace {
 
-const QString restartNote = QStringLiteral("Tallowind will restart to finish updating.");
+const QString restartNote = u"Tallowind will restart to finish updating."_s;
+const QString packageNote = u"Update Tallowind with your package manager."_s;
+const QString newer = Config::appVersion() + u".1"_s;
+const TestZipEntries goodBundle{{"Tallowind.app/bin/tallowind", "#!/bin/sh\n", 0755}};
+
+QString digest(const QByteArray& bytes) {
+    return QString::fromLatin1(QCryptographicHash::hash(bytes, QCryptographicHash::Sha256).toHex());
+}
+
+QStringList entriesOf(const QString& folder) {
+    return QDir(folder).entryList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden);
+}
+
+// An address on which nothing listens any more.
+QString closedAddress() {
+    TestHttpServer gone;
+    gone.listen();
+    return gone.url().toString();
+}
 
 // Answers every dialog with the button the test chose and remembers what was shown.
 class AnsweringDialogs : public UpdateDialogs {
@@ -34,49 +53,45 @@ private:
     const int& answer_;
 };
 
-QByteArray manifest(const QString& version, const QString& zip = QStringLiteral("releases/Tallowind.zip"),
-                    const QString& sha256 = QString(64, QLatin1Char('0'))) {
-    return QStringLiteral(R"({"version":"%1","zip":"%2","sha256":"%3"})").arg(version, zip, sha256).toUtf8();
-}
-
-QString digest(const QByteArray& bytes) {
-    return QString::fromLatin1(QCryptographicHash::hash(bytes, QCryptographicHash::Sha256).toHex());
-}
-
-QStringList entriesOf(const QString& folder) {
-    return QDir(folder).entryList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden);
-}
-
-// A private home and temporary folder, a loopback backend, and an updater whose dialogs the test answers
-// (by default "Later") and whose quitting is only counted.
-struct Fixture {
-    explicit Fixture(Updater::Host host = {QStringLiteral("/opt/Tallowind.app"), 0},
-                     const QString& temporaryName = QStringLiteral("tmp")) {
-        temporary = home.path() + QLatin1Char('/') + temporaryName;
+// A private home and temporary folder, a loopback backend serving `manifest` (an error page when empty)
+// and `archive` at releases/T.zip, and an updater whose dialogs the test answers (by default "Later")
+// and whose quitting is only counted.
+struct Rig {
+    explicit Rig(Updater::Host host = {u"/opt/Tallowind.app"_s, 0}, const QString& temporaryName = u"tmp"_s)
+        : temporary(home.path() + u'/' + temporaryName) {
         QDir().mkpath(temporary);
         home.environment().set("TMPDIR", QFile::encodeName(temporary));
         server.listen();
         home.environment().set("TALLOWIND_SERVER", server.url().toString().toUtf8());
+        server.setHandler([this](const TestHttpServer::Received& request) {
+            if (request.target == "/releases/latest.json" && !manifest.isEmpty()) {
+                return TestHttpServer::Response::json(200, manifest);
+            }
+            return request.target == "/releases/T.zip"
+                       ? TestHttpServer::Response{200, {}, {{archive, 0}}}
+                       : TestHttpServer::Response::text(502, "<html>Bad</html>");
+        });
         updater = std::make_unique<Updater>(std::move(host));
         updater->setDialogs(std::make_unique<AnsweringDialogs>(shown, answer));
         updater->setQuitHandler([this] { ++quits; });
+    }
+    void offer(const QString& version, const QString& notes = {}, bool withNotes = false,
+               const QString& sha256 = QString(64, u'0')) {
+        manifest = uR"({"version":"%1","zip":"releases/T.zip","sha256":"%2"%3})"_s
+                       .arg(version, sha256, withNotes ? uR"(,"notes":"%1")"_s.arg(notes) : QString())
+                       .toUtf8();
     }
 
     TestHome home;
     QString temporary;
     TestHttpServer server;
+    QByteArray manifest;
+    QByteArray archive;
     QList<UpdateDialog> shown;
     int answer = 1;
     int quits = 0;
     std::unique_ptr<Updater> updater;
 };
-
-// An address on which nothing listens any more.
-QUrl closedAddress() {
-    TestHttpServer gone;
-    gone.listen();
-    return gone.url();
-}
 
 }  // namespace
 
@@ -88,12 +103,9 @@ private slots:
     void versionsCompareAsDottedNumbers();
     void manifestNeedsItsThreeTexts_data();
     void manifestNeedsItsThreeTexts();
-    void onlyAUserCheckReportsFailuresAndNoNews_data();
-    void onlyAUserCheckReportsFailuresAndNoNews();
+    void checkTellsTheUserWhatHappensNext_data();
+    void checkTellsTheUserWhatHappensNext();
     void checkingStartsAtOnceAndRepeatsDaily();
-    void offerSaysWhatHappensNext_data();
-    void offerSaysWhatHappensNext();
-    void onlyAProgramInItsOwnBundleCanReplaceItself_data();
     void onlyAProgramInItsOwnBundleCanReplaceItself();
     void failedInstallSaysWhyAndKeepsTheProgram_data();
     void failedInstallSaysWhyAndKeepsTheProgram();
@@ -104,47 +116,19 @@ void UpdaterTest::versionsCompareAsDottedNumbers_data() {
     QTest::addColumn<QString>("candidate");
     QTest::addColumn<QString>("current");
     QTest::addColumn<bool>("newer");
-    QTest::newRow("one more piece") << "1.2.1"
-                                    << "1.2" << true;
-    QTest::newRow("a trailing zero is equal") << "1.2.0"
-                                              << "1.2" << false;
-    QTest::newRow("numbers, not text") << "1.10"
-                                       << "1.9" << true;
-    QTest::newRow("smaller major") << "2"
-                                   << "10" << false;
-    QTest::newRow("letters are zero") << "abc"
-                                      << "0" << false;
-    QTest::newRow("a letter piece") << "1.x"
-                                    << "1" << false;
-    QTest::newRow("suffix makes the piece zero") << "2.0-beta"
-                                                 << "2.0" << false;
-    QTest::newRow("leading space makes the piece zero") << "1. 5"
-                                                        << "1.0" << false;
-    QTest::newRow("both empty") << ""
-                                << "" << false;
-    QTest::newRow("only dots") << "..."
-                               << "0" << false;
-    QTest::newRow("empty pieces dropped") << "1..3"
-                                          << "1.2" << true;
-    QTest::newRow("leading and trailing dots") << ".2."
-                                               << "1" << true;
-    QTest::newRow("negative candidate") << "1.-1"
-                                        << "1" << false;
-    QTest::newRow("negative current") << "1"
-                                      << "1.-1" << true;
-    QTest::newRow("explicit plus") << "1.+2"
-                                   << "1.1" << true;
-    QTest::newRow("a lone sign is zero") << "1.-"
-                                         << "1.0" << false;
-    QTest::newRow("largest value") << "9223372036854775807"
-                                   << "9223372036854775806" << true;
-    QTest::newRow("overflow is zero") << "9223372036854775808"
-                                      << "1" << false;
-    QTest::newRow("smallest value") << "0"
-                                    << "-9223372036854775808" << true;
-    QTest::newRow("negative overflow is zero") << "-9223372036854775809"
-                                               << "0" << false;
-    QTest::newRow("non-ASCII digits are zero") << QStringLiteral("\u0662") << "1" << false;
+    QTest::newRow("one more piece") << u"1.2.1"_s << u"1.2"_s << true;
+    QTest::newRow("a trailing zero is equal") << u"1.2.0"_s << u"1.2"_s << false;
+    QTest::newRow("numbers, not text") << u"1.10"_s << u"1.9"_s << true;
+    QTest::newRow("letters, suffixes and spaces make the piece zero") << u"1.x.2-b. 5"_s << u"1"_s << false;
+    QTest::newRow("empty pieces are dropped") << u"1..3"_s << u"1.2"_s << true;
+    QTest::newRow("signs count, a lone sign is zero") << u"1.-1"_s << u"1.-"_s << false;
+    QTest::newRow("a negative current") << u"1"_s << u"1.-1"_s << true;
+    QTest::newRow("an explicit plus") << u"1.+2"_s << u"1.1"_s << true;
+    QTest::newRow("largest value") << u"9223372036854775807"_s << u"9223372036854775806"_s << true;
+    QTest::newRow("overflow is zero") << u"9223372036854775808"_s << u"1"_s << false;
+    QTest::newRow("smallest value") << u"0"_s << u"-9223372036854775808"_s << true;
+    QTest::newRow("negative overflow is zero") << u"-9223372036854775809"_s << u"-1"_s << true;
+    QTest::newRow("non-ASCII digits are zero") << u"\u0662"_s << u"1"_s << false;
 }
 
 void UpdaterTest::versionsCompareAsDottedNumbers() {
@@ -156,315 +140,227 @@ void UpdaterTest::versionsCompareAsDottedNumbers() {
 
 void UpdaterTest::manifestNeedsItsThreeTexts_data() {
     QTest::addColumn<QByteArray>("body");
-    QTest::addColumn<QVariant>("notes");   // invalid: no notes
-    QTest::addColumn<QString>("failure");  // empty: the manifest is valid
-    const QByteArray base = R"("version":"1.4.2","zip":"releases/T.zip","sha256":"AB")";
-    QTest::newRow("notes missing, other keys ignored") << "{" + base + R"(,"size":12})" << QVariant() << "";
-    QTest::newRow("notes null") << "{" + base + R"(,"notes":null})" << QVariant() << "";
-    QTest::newRow("notes empty") << "{" + base + R"(,"notes":""})" << QVariant("") << "";
-    QTest::newRow("notes text") << "{" + base + R"(,"notes":"Faster."})" << QVariant("Faster.") << "";
-    QTest::newRow("sha256 missing") << QByteArray(R"({"version":"1","zip":"z"})") << QVariant()
-                                    << R"("sha256" is missing)";
-    QTest::newRow("version a number") << QByteArray(R"({"version":1,"zip":"z","sha256":"a"})") << QVariant()
-                                      << R"("version" is not a string)";
-    QTest::newRow("notes a list") << "{" + base + R"(,"notes":["a"]})" << QVariant()
-                                  << R"("notes" is not a string)";
-    QTest::newRow("an array") << QByteArray("[{}]") << QVariant() << "not a JSON object";
-    QTest::newRow("an error page") << QByteArray("<html>502</html>") << QVariant() << "not JSON";
+    QTest::addColumn<QString>("decoded");  // the notes, or words of the failure
+    const QByteArray base = R"({"version":"1.4.2","zip":"releases/T.zip","sha256":"AB")";
+    QTest::newRow("notes missing, other keys ignored")
+        << base + QByteArray(R"(,"size":12})") << u"no notes"_s;
+    QTest::newRow("notes null") << base + QByteArray(R"(,"notes":null})") << u"no notes"_s;
+    QTest::newRow("notes empty") << base + QByteArray(R"(,"notes":""})") << u"notes: "_s;
+    QTest::newRow("notes text") << base + QByteArray(R"(,"notes":"Faster."})") << u"notes: Faster."_s;
+    QTest::newRow("notes a list") << base + QByteArray(R"(,"notes":["a"]})")
+                                  << uR"("notes" is not a string)"_s;
+    QTest::newRow("sha256 missing") << QByteArray(R"({"version":"1","zip":"z"})")
+                                    << uR"("sha256" is missing)"_s;
+    QTest::newRow("version a number")
+        << QByteArray(R"({"version":1,"zip":"z","sha256":"a"})") << uR"("version" is not a string)"_s;
+    QTest::newRow("an array") << QByteArray("[{}]") << u"not a JSON object"_s;
+    QTest::newRow("an error page") << QByteArray("<html>502</html>") << u"not JSON"_s;
 }
 
 void UpdaterTest::manifestNeedsItsThreeTexts() {
     QFETCH(QByteArray, body);
-    QFETCH(QVariant, notes);
-    QFETCH(QString, failure);
+    QFETCH(QString, decoded);
     const auto release = Updater::Release::decode(body);
-    if (!failure.isEmpty()) {
-        QVERIFY(!release);
-        QVERIFY2(release.failure().description().contains(failure),
+    if (!release) {
+        QVERIFY2(release.failure().description().contains(decoded),
                  qPrintable(release.failure().description()));
         return;
     }
-    QVERIFY(release);
-    const std::optional<QString> expectedNotes =
-        notes.isValid() ? std::optional(notes.toString()) : std::nullopt;
-    QCOMPARE(release.value(), (Updater::Release{QStringLiteral("1.4.2"), QStringLiteral("releases/T.zip"),
-                                                QStringLiteral("AB"), expectedNotes}));
+    QCOMPARE(release.value().notes ? "notes: "_L1 + *release.value().notes : u"no notes"_s, decoded);
+    QCOMPARE(release.value().version + u' ' + release.value().zip + u' ' + release.value().sha256,
+             u"1.4.2 releases/T.zip AB"_s);
 }
 
-void UpdaterTest::onlyAUserCheckReportsFailuresAndNoNews_data() {
+void UpdaterTest::checkTellsTheUserWhatHappensNext_data() {
     QTest::addColumn<bool>("userInitiated");
-    QTest::addColumn<QString>("serves");   // "nothing" (no server), "page", or a version
-    QTest::addColumn<QString>("message");  // empty: no dialog
-    QTest::addColumn<QString>("informative");
-    const QString running = Config::appVersion();
-    const QString newer = running + QStringLiteral(".1");
-    const QString failed = QStringLiteral("Couldn't check for updates");
-    const QString offer = QStringLiteral("Tallowind %1 is available").arg(newer);
-    for (const bool user : {true, false}) {
-        const char* who = user ? "user" : "background";
-        QTest::addRow("%s, unreachable", who) << user << "nothing" << (user ? failed : "") << "";
-        QTest::addRow("%s, error page", who) << user << "page" << (user ? failed : "")
-                                             << "Tallowind's server sent an answer that couldn't be read";
-        QTest::addRow("%s, up to date", who)
-            << user << running << (user ? QStringLiteral("You're up to date") : "")
-            << QStringLiteral("Tallowind %1 is the latest version.").arg(running);
-        QTest::addRow("%s, newer", who) << user << newer << offer << restartNote;
-    }
+    QTest::addColumn<bool>("inBundle");
+    QTest::addColumn<QString>(
+        "serves");                       // "nothing" (no server), "page", "current", or "newer" with ":notes"
+    QTest::addColumn<QString>("shown");  // the start of the dialog shown, if any
+    const QString failed = u"Couldn't check for updates / "_s;
+    const QString offer = u"Tallowind %1 is available / "_s.arg(newer);
+    const QString later = u" [Install Update, Later]"_s;
+    QTest::newRow("user, unreachable") << true << true << u"nothing"_s << failed;
+    QTest::newRow("user, error page")
+        << true << true << u"page"_s << failed + u"Tallowind's server sent an answer that couldn't be read"_s;
+    QTest::newRow("user, up to date")
+        << true << true << u"current"_s
+        << u"You're up to date / Tallowind %1 is the latest version. []"_s.arg(Config::appVersion());
+    QTest::newRow("background, unreachable") << false << true << u"nothing"_s << QString();
+    QTest::newRow("background, error page") << false << true << u"page"_s << QString();
+    QTest::newRow("background, up to date") << false << true << u"current"_s << QString();
+    QTest::newRow("newer, no notes") << false << true << u"newer"_s << offer + restartNote + later;
+    QTest::newRow("newer, empty notes")
+        << false << true << u"newer:"_s << offer + "\n\n" + restartNote + later;
+    QTest::newRow("newer, notes") << false << true << u"newer:Fixes."_s
+                                  << offer + "Fixes.\n\n" + restartNote + later;
+    QTest::newRow("package, no notes") << true << false << u"newer"_s << offer + packageNote + " []";
+    QTest::newRow("package, notes") << false << false << u"newer:Fixes."_s
+                                    << offer + "Fixes.\n\n" + packageNote + " []";
 }
 
-void UpdaterTest::onlyAUserCheckReportsFailuresAndNoNews() {
+void UpdaterTest::checkTellsTheUserWhatHappensNext() {
     QFETCH(bool, userInitiated);
+    QFETCH(bool, inBundle);
     QFETCH(QString, serves);
-    QFETCH(QString, message);
-    QFETCH(QString, informative);
-    Fixture fixture;
-    if (serves == QLatin1String("nothing")) {
-        fixture.home.environment().set("TALLOWIND_SERVER", closedAddress().toString().toUtf8());
-    } else if (serves == QLatin1String("page")) {
-        fixture.server.respondWith(TestHttpServer::Response::text(502, "<html>Bad gateway</html>"));
-    } else {
-        fixture.server.respondWith(TestHttpServer::Response::json(200, manifest(serves)));
+    QFETCH(QString, shown);
+    Rig rig({inBundle ? std::optional(u"/opt/Tallowind.app"_s) : std::nullopt, 0});
+    // The package manager's offer has no button to accept: whatever it answers, nothing is installed.
+    rig.answer = inBundle ? 1 : 0;
+    if (serves == "nothing"_L1) {
+        rig.home.environment().set("TALLOWIND_SERVER", closedAddress().toUtf8());
+    } else if (serves != "page"_L1) {
+        rig.offer(serves == "current"_L1 ? Config::appVersion() : newer, serves.section(u':', 1),
+                  serves.contains(u':'));
     }
-
-    fixture.updater->check(userInitiated);
-
-    if (serves != QLatin1String("nothing")) {
-        QTRY_COMPARE(fixture.server.received().size(), 1);
-        QCOMPARE(fixture.server.received().constFirst().target, QByteArray("/releases/latest.json"));
-        QVERIFY(!fixture.server.received().constFirst().headers.contains("authorization"));
+    rig.updater->check(userInitiated);
+    const qsizetype requests = serves == "nothing"_L1 ? 0 : 1;
+    QTRY_COMPARE(rig.server.received().size(), requests);
+    // Long enough for the reply to be handled; "Later" leaves the release alone: nothing is downloaded.
+    QTest::qWait(300);
+    QCOMPARE(rig.server.received().size(), requests);
+    for (const TestHttpServer::Received& request : rig.server.received()) {
+        QCOMPARE(request.target, QByteArray("/releases/latest.json"));
+        QVERIFY(!request.headers.contains("authorization"));
     }
-    if (message.isEmpty()) {
-        // Long enough for the reply to arrive and be handled; a dialog would have been shown by then.
-        QTest::qWait(300);
-        QCOMPARE(fixture.shown.size(), 0);
-        return;
+    QCOMPARE(rig.shown.size(), shown.isEmpty() ? 0 : 1);
+    for (const UpdateDialog& dialog : rig.shown) {
+        const QString actual = dialog.message + " / "_L1 + dialog.informativeText + " ["_L1 +
+                               dialog.buttons.join(", "_L1) + u']';
+        QVERIFY2(actual.startsWith(shown) && !dialog.informativeText.isEmpty(), qPrintable(actual));
     }
-    QTRY_COMPARE(fixture.shown.size(), 1);
-    QCOMPARE(fixture.shown.constFirst().message, message);
-    QVERIFY2(fixture.shown.constFirst().informativeText.contains(informative),
-             qPrintable(fixture.shown.constFirst().informativeText));
-    QVERIFY(!fixture.shown.constFirst().informativeText.isEmpty());
-    // "Later" leaves the release alone: nothing is downloaded.
-    QTest::qWait(100);
-    QCOMPARE(fixture.server.received().size(), serves == QLatin1String("nothing") ? 0 : 1);
 }
 
 void UpdaterTest::checkingStartsAtOnceAndRepeatsDaily() {
-    Fixture fixture;
-    fixture.server.respondWith(TestHttpServer::Response::json(200, manifest(Config::appVersion())));
-    QVERIFY(!fixture.updater->timer());
-
-    fixture.updater->startChecking();
-    QTRY_COMPARE(fixture.server.received().size(), 1);
-    QVERIFY(fixture.updater->timer()->isActive());
-    QCOMPARE(fixture.updater->timer()->interval(), 24 * 60 * 60 * 1000);
-
-    QVERIFY(QMetaObject::invokeMethod(fixture.updater->timer(), "timeout"));
-    QTRY_COMPARE(fixture.server.received().size(), 2);
-    QCOMPARE(fixture.shown.size(), 0);
-}
-
-void UpdaterTest::offerSaysWhatHappensNext_data() {
-    QTest::addColumn<QVariant>("notes");  // invalid: none
-    QTest::addColumn<bool>("inBundle");
-    QTest::addColumn<UpdateDialog>("offer");
-    const QString message = QStringLiteral("Tallowind 2.0 is available");
-    const QStringList buttons{QStringLiteral("Install Update"), QStringLiteral("Later")};
-    const QString manager = QStringLiteral("Update Tallowind with your package manager.");
-    QTest::newRow("no notes") << QVariant() << true << UpdateDialog{message, restartNote, buttons};
-    QTest::newRow("empty notes") << QVariant("") << true
-                                 << UpdateDialog{message, "\n\n" + restartNote, buttons};
-    QTest::newRow("notes") << QVariant("Fixes.") << true
-                           << UpdateDialog{message, "Fixes.\n\n" + restartNote, buttons};
-    QTest::newRow("package, no notes") << QVariant() << false << UpdateDialog{message, manager, {}};
-    QTest::newRow("package, notes") << QVariant("Fixes.") << false
-                                    << UpdateDialog{message, "Fixes.\n\n" + manager, {}};
-}
-
-void UpdaterTest::offerSaysWhatHappensNext() {
-    QFETCH(QVariant, notes);
-    QFETCH(bool, inBundle);
-    QFETCH(UpdateDialog, offer);
-    Fixture fixture({inBundle ? std::optional(QStringLiteral("/opt/Tallowind.app")) : std::nullopt,
-                     QCoreApplication::applicationPid()});
-    fixture.answer = 0;
-    fixture.updater->promptToInstall({QStringLiteral("2.0"), QStringLiteral("releases/T.zip"),
-                                      QStringLiteral("ab"),
-                                      notes.isValid() ? std::optional(notes.toString()) : std::nullopt});
-    QCOMPARE(fixture.shown, QList<UpdateDialog>{offer});
-    // Accepting installs (here: fails at the download); the package-manager offer only informs.
-    if (inBundle) {
-        QTRY_COMPARE(fixture.shown.size(), 2);
-        QCOMPARE(fixture.shown.constLast().message, QStringLiteral("Update failed"));
-    } else {
-        QTest::qWait(100);
-        QCOMPARE(fixture.shown.size(), 1);
-    }
-}
-
-void UpdaterTest::onlyAProgramInItsOwnBundleCanReplaceItself_data() {
-    QTest::addColumn<QString>("executable");
-    QTest::addColumn<QString>("bundle");  // empty: none
-    QTest::newRow("bundle") << "/home/a/Apps/Tallowind.app/bin/tallowind"
-                            << "/home/a/Apps/Tallowind.app";
-    QTest::newRow("package") << "/usr/bin/tallowind"
-                             << "";
-    QTest::newRow("build folder") << "/src/build/tallowind"
-                                  << "";
-    QTest::newRow("renamed bundle") << "/opt/Tallowind-old.app/bin/tallowind"
-                                    << "";
+    Rig rig;
+    rig.offer(Config::appVersion());
+    QVERIFY(!rig.updater->timer());
+    rig.updater->startChecking();
+    QTRY_COMPARE(rig.server.received().size(), 1);
+    QVERIFY(rig.updater->timer()->isActive());
+    QCOMPARE(rig.updater->timer()->interval(), 24 * 60 * 60 * 1000);
+    QVERIFY(QMetaObject::invokeMethod(rig.updater->timer(), "timeout"));
+    QTRY_COMPARE(rig.server.received().size(), 2);
+    QCOMPARE(rig.shown.size(), 0);
 }
 
 void UpdaterTest::onlyAProgramInItsOwnBundleCanReplaceItself() {
-    QFETCH(QString, executable);
-    QFETCH(QString, bundle);
-    QCOMPARE(InstallSteps::bundleOf(executable).value_or(QString()), bundle);
+    QStringList bundles;
+    for (const char* executable : {"/home/a/Apps/Tallowind.app/bin/tallowind", "/usr/bin/tallowind",
+                                   "/src/build/tallowind", "/opt/Tallowind-old.app/bin/tallowind"}) {
+        bundles << InstallSteps::bundleOf(QLatin1String(executable)).value_or(u"none"_s);
+    }
+    QCOMPARE(bundles, (QStringList{u"/home/a/Apps/Tallowind.app"_s, u"none"_s, u"none"_s, u"none"_s}));
 }
 
 void UpdaterTest::failedInstallSaysWhyAndKeepsTheProgram_data() {
     QTest::addColumn<QString>("zip");  // "SERVER/" and "CLOSED/" stand for those addresses
     QTest::addColumn<TestZipEntries>("archive");
-    QTest::addColumn<bool>("digestOfArchive");  // false: the manifest's digest is of other bytes
-    QTest::addColumn<bool>("inBundle");
-    QTest::addColumn<bool>("temporaryIsAFile");
+    QTest::addColumn<QString>("setup");        // "no bundle", "other digest", "temporary is a file"
     QTest::addColumn<QString>("informative");  // empty: the platform's own description
     QTest::addColumn<bool>("workFolderMade");
-    const TestZipEntries good{{"Tallowind.app/bin/tallowind", "#!/bin/sh\n", 0755}};
-    const QString damaged = QStringLiteral("The download was damaged. Try again later.");
-    QTest::newRow("no bundle to replace") << "releases/T.zip" << good << true << false << false
-                                          << "Update Tallowind with your package manager." << false;
-    QTest::newRow("bad link") << "http://[::1" << good << true << true << false << "Bad update link."
-                              << false;
-    QTest::newRow("empty link") << "" << good << true << true << false << "Bad update link." << false;
-    QTest::newRow("transfer fails") << "CLOSED/releases/T.zip" << good << true << true << false << ""
+    const QString damaged = u"The download was damaged. Try again later."_s;
+    const QString unpack = u"Couldn't unpack the update."_s;
+    const QString incomplete = u"The update was incomplete."_s;
+    QTest::newRow("no bundle to replace")
+        << u"releases/T.zip"_s << goodBundle << u"no bundle"_s << packageNote << false;
+    QTest::newRow("bad link") << u"http://[::1"_s << goodBundle << u""_s << u"Bad update link."_s << false;
+    QTest::newRow("empty link") << u""_s << goodBundle << u""_s << u"Bad update link."_s << false;
+    QTest::newRow("transfer fails") << u"CLOSED/releases/T.zip"_s << goodBundle << u""_s << u""_s << false;
+    QTest::newRow("digest differs") << u"releases/T.zip"_s << goodBundle << u"other digest"_s << damaged
                                     << false;
-    QTest::newRow("digest differs") << "releases/T.zip" << good << false << true << false << damaged << false;
     QTest::newRow("error page instead of the archive")
-        << "SERVER/missing.zip" << good << true << true << false << damaged << false;
+        << u"SERVER/missing.zip"_s << goodBundle << u""_s << damaged << false;
     QTest::newRow("work folder cannot be made")
-        << "releases/T.zip" << good << true << true << true << "" << false;
+        << u"releases/T.zip"_s << goodBundle << u"temporary is a file"_s << u""_s << false;
     QTest::newRow("archive reaching outside")
-        << "SERVER/releases/T.zip" << TestZipEntries{{"../x", "evil", 0644}} << true << true << false
-        << "Couldn't unpack the update." << true;
-    QTest::newRow("not an archive") << "releases/T.zip" << TestZipEntries{} << true << true << false
-                                    << "Couldn't unpack the update." << true;
-    QTest::newRow("bundle under another name")
-        << "releases/T.zip" << TestZipEntries{{"Other.app/bin/tallowind", "#!/bin/sh\n", 0755}} << true
-        << true << false << "The update was incomplete." << true;
+        << u"SERVER/releases/T.zip"_s << TestZipEntries{{"../x", "evil", 0644}} << u""_s << unpack << true;
+    QTest::newRow("not an archive") << u"releases/T.zip"_s << TestZipEntries{} << u""_s << unpack << true;
     QTest::newRow("bundle inside a folder")
-        << "releases/T.zip" << TestZipEntries{{"x/Tallowind.app/bin/tallowind", "#!/bin/sh\n", 0755}} << true
-        << true << false << "The update was incomplete." << true;
+        << u"releases/T.zip"_s << TestZipEntries{{"x/Tallowind.app/bin/tallowind", "#!/bin/sh\n", 0755}}
+        << u""_s << incomplete << true;
     QTest::newRow("bundle without its program")
-        << "releases/T.zip" << TestZipEntries{{"Tallowind.app/README", "hi", 0644}} << true << true << false
-        << "The update was incomplete." << true;
+        << u"releases/T.zip"_s << TestZipEntries{{"Tallowind.app/bin/tallowind", "#!/bin/sh\n", 0644}}
+        << u""_s << incomplete << true;
 }
 
 void UpdaterTest::failedInstallSaysWhyAndKeepsTheProgram() {
     QFETCH(QString, zip);
     QFETCH(TestZipEntries, archive);
-    QFETCH(bool, digestOfArchive);
-    QFETCH(bool, inBundle);
-    QFETCH(bool, temporaryIsAFile);
+    QFETCH(QString, setup);
     QFETCH(QString, informative);
     QFETCH(bool, workFolderMade);
-    Fixture fixture({inBundle ? std::optional(QStringLiteral("/opt/Tallowind.app")) : std::nullopt, 0});
-    const QByteArray bytes = archive.isEmpty() ? QByteArray("not a zip") : makeZip(archive);
-    fixture.server.setHandler([&](const TestHttpServer::Received& request) {
-        return request.target == "/releases/T.zip"
-                   ? TestHttpServer::Response{200, {}, {{bytes, 0}}}
-                   : TestHttpServer::Response::text(404, "<html>Not found</html>");
-    });
-    QString temporary = fixture.temporary;
-    if (temporaryIsAFile) {
-        temporary += QStringLiteral("/file");
-        QFile file(temporary);
+    Rig rig({setup == "no bundle"_L1 ? std::nullopt : std::optional(u"/opt/Tallowind.app"_s), 0});
+    rig.archive = archive.isEmpty() ? QByteArray("not a zip") : makeZip(archive);
+    if (setup == "temporary is a file"_L1) {
+        QFile file(rig.temporary + "/file"_L1);
         QVERIFY(file.open(QIODevice::WriteOnly));
-        fixture.home.environment().set("TMPDIR", QFile::encodeName(temporary));
+        rig.home.environment().set("TMPDIR", QFile::encodeName(file.fileName()));
     }
-    zip.replace(QStringLiteral("SERVER/"), fixture.server.url().toString() + QLatin1Char('/'));
-    zip.replace(QStringLiteral("CLOSED/"), closedAddress().toString() + QLatin1Char('/'));
+    zip.replace(u"SERVER/"_s, rig.server.url().toString() + u'/')
+        .replace(u"CLOSED/"_s, closedAddress() + u'/');
 
-    fixture.updater->install(
-        {QStringLiteral("9.9"), zip, digestOfArchive ? digest(bytes) : digest("other"), {}});
+    rig.updater->install({u"9.9"_s, zip, digest(setup == "other digest"_L1 ? "other" : rig.archive), {}});
 
-    QTRY_COMPARE(fixture.shown.size(), 1);
-    QCOMPARE(fixture.shown.constFirst().message, QStringLiteral("Update failed"));
-    if (informative.isEmpty()) {
-        QVERIFY(!fixture.shown.constFirst().informativeText.isEmpty());
-    } else {
-        QCOMPARE(fixture.shown.constFirst().informativeText, informative);
-    }
-    QCOMPARE(fixture.shown.constFirst().buttons, QStringList());
-    QCOMPARE(fixture.quits, 0);
-    const QStringList made = temporaryIsAFile ? QStringList() : entriesOf(fixture.temporary);
+    QTRY_COMPARE(rig.shown.size(), 1);
+    QVERIFY(!rig.shown[0].informativeText.isEmpty() && rig.shown[0].buttons.isEmpty() && rig.quits == 0);
+    QCOMPARE(rig.shown[0].message + u'/' + (informative.isEmpty() ? QString() : rig.shown[0].informativeText),
+             "Update failed/"_L1 + informative);
+    const QStringList made = entriesOf(rig.temporary).filter(u"tallowind-update-"_s);
     QCOMPARE(made.size(), workFolderMade ? 1 : 0);
-    if (workFolderMade) {
-        QVERIFY2(
-            QRegularExpression(QStringLiteral("^tallowind-update-[0-9A-F]{8}(-[0-9A-F]{4}){3}-[0-9A-F]{12}$"))
-                .match(made.constFirst())
-                .hasMatch(),
-            qPrintable(made.constFirst()));
-    }
+    const QRegularExpression name(u"^tallowind-update-[0-9A-F]{8}(-[0-9A-F]{4}){3}-[0-9A-F]{12}$"_s);
+    QVERIFY(made.isEmpty() || name.match(made[0]).hasMatch());
 }
 
 void UpdaterTest::acceptedUpdateSwapsTheBundleOnlyAfterTheProgramEnds() {
-    // Quotes, dollars and spaces in every path the script handles.
-    // The variable is unset, so that even a quoting mistake could only touch the test's own folders.
-    const QString awkward = QStringLiteral("it's \"a\" $TALLOWIND_TEST_UNSET `x` dir");
+    // Quotes, dollars and spaces in every path the script handles. The variable is unset, so that even a
+    // quoting mistake could only touch the test's own folders.
+    const QString awkward = u"it's \"a\" $TALLOWIND_TEST_UNSET `x` dir"_s;
     QProcess running;  // stands in for this program: the swap waits for it to end
-    running.start(QStringLiteral("sleep"), {QStringLiteral("60")});
+    running.start(u"sleep"_s, {u"60"_s});
     QVERIFY(running.waitForStarted());
     QTemporaryDir apps;
-    const QString bundle = apps.path() + QLatin1Char('/') + awkward + QStringLiteral("/Tallowind.app");
-    QVERIFY(QDir().mkpath(bundle + QStringLiteral("/bin")));
-    QFile old(bundle + QStringLiteral("/bin/tallowind"));
+    const QString bundle = apps.path() + u'/' + awkward + u"/Tallowind.app"_s;
+    QVERIFY(QDir().mkpath(bundle + u"/bin"_s));
+    QFile old(bundle + u"/bin/tallowind"_s);
     QVERIFY(old.open(QIODevice::WriteOnly) && old.write("old") == 3);
     old.close();
 
-    Fixture fixture({bundle, running.processId()}, awkward + QStringLiteral(" tmp"));
-    fixture.answer = 0;
-    const QString marker = fixture.home.path() + QStringLiteral("/started");
-    fixture.home.environment().set("TALLOWIND_TEST_MARKER", QFile::encodeName(marker));
-    fixture.home.environment().set("TALLOWIND_TOKEN", "secret");
-    fixture.home.environment().unset("TALLOWIND_TEST_UNSET");
+    Rig rig({bundle, running.processId()}, awkward + u" tmp"_s);
+    rig.answer = 0;
+    const QString marker = rig.home.path() + u"/started"_s;
+    rig.home.environment().set("TALLOWIND_TEST_MARKER", QFile::encodeName(marker));
+    rig.home.environment().unset("TALLOWIND_TEST_UNSET");
     const QByteArray program = "#!/bin/sh\nprintf '%s' \"$0\" > \"$TALLOWIND_TEST_MARKER\"\n";
-    const QByteArray archive =
+    rig.archive =
         makeZip({{"Tallowind.app/", {}, 0755, TestZipEntry::Kind::folder},
                  {"Tallowind.app/bin/tallowind", program, 0755},
                  {"Tallowind.app/bin/tallowind-link", "tallowind", 0777, TestZipEntry::Kind::link}});
-    const QString newer = Config::appVersion() + QStringLiteral(".1");
-    fixture.server.setHandler([&](const TestHttpServer::Received& request) {
-        if (request.target == "/releases/Tallowind.zip") {
-            return TestHttpServer::Response{200, {}, {{archive, 0}}};
-        }
-        return TestHttpServer::Response::json(
-            200, manifest(newer, QStringLiteral("releases/Tallowind.zip"), digest(archive).toUpper()));
-    });
+    rig.offer(newer, {}, false, digest(rig.archive).toUpper());
 
-    fixture.updater->check(false);
-    QTRY_COMPARE(fixture.quits, 1);
-    QCOMPARE(fixture.shown.size(), 1);
-    QCOMPARE(fixture.server.received().size(), 2);
-    QCOMPARE(fixture.server.received().constLast().target, QByteArray("/releases/Tallowind.zip"));
-    QVERIFY(!fixture.server.received().constLast().headers.contains("authorization"));
+    rig.updater->check(false);
+    QTRY_COMPARE(rig.quits, 1);
+    QCOMPARE(rig.shown.size(), 1);
+    QCOMPARE(rig.server.received().size(), 2);
+    QVERIFY(!rig.server.received()[1].headers.contains("authorization"));
 
     // The script polls every 0.2 seconds; while the program runs, its bundle stays as it is.
     QTest::qWait(700);
     QVERIFY(old.open(QIODevice::ReadOnly));
     QCOMPARE(old.readAll(), QByteArray("old"));
     old.close();
-    QCOMPARE(entriesOf(fixture.temporary).size(), 1);
+    QCOMPARE(entriesOf(rig.temporary).size(), 1);
 
     running.kill();
     QVERIFY(running.waitForFinished());
     QTRY_VERIFY(QFile::exists(marker));
     QFile started(marker);
     QVERIFY(started.open(QIODevice::ReadOnly));
-    QCOMPARE(QString::fromUtf8(started.readAll()), bundle + QStringLiteral("/bin/tallowind"));
+    QCOMPARE(QString::fromUtf8(started.readAll()), bundle + u"/bin/tallowind"_s);
     QVERIFY(old.open(QIODevice::ReadOnly));
     QCOMPARE(old.readAll(), program);
-    QVERIFY(QFileInfo(bundle + QStringLiteral("/bin/tallowind-link")).isSymLink());
-    QTRY_COMPARE(entriesOf(fixture.temporary), QStringList());
+    QVERIFY(QFileInfo(bundle + u"/bin/tallowind-link"_s).isSymLink());
+    QTRY_COMPARE(entriesOf(rig.temporary), QStringList());
 }
 
 QTEST_GUILESS_MAIN(UpdaterTest)
