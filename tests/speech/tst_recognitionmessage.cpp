@@ -3,20 +3,12 @@
 
 #include <QTest>
 
-using Event = SpeechStream::Event;
-using Expected = std::optional<Event>;
-Q_DECLARE_METATYPE(Expected)
-
 namespace {
 
 QString results(const QString& transcript, const QString& flags = {}) {
     return QStringLiteral(
                R"({"type":"Results","channel":{"alternatives":[{"transcript":"%1","confidence":0.9}]}%2})")
         .arg(transcript, flags);
-}
-
-QString describe(const Expected& event) {
-    return event ? eventText(*event) : QStringLiteral("nothing");
 }
 
 }  // namespace
@@ -31,59 +23,52 @@ private slots:
 
 void TestRecognitionMessage::messagesBecomeTheRightEvent_data() {
     QTest::addColumn<QString>("message");
-    QTest::addColumn<Expected>("expected");
+    QTest::addColumn<QString>("expected");
 
     const QString words = QStringLiteral("  hello there  ");
-    const Expected nothing;
+    const QString nothing = QStringLiteral("nothing");
 
-    // Interim results.
-    QTest::newRow("interim words lose the spaces around them")
-        << results(words) << Expected(Event::interim("hello there"));
+    QTest::newRow("interim words lose the spaces around them") << results(words) << "interim(hello there)";
     QTest::newRow("an empty interim says nothing") << results("") << nothing;
     QTest::newRow("speech_final without is_final is still interim")
-        << results("word", R"(,"speech_final":true)") << Expected(Event::interim("word"));
-
-    // Final results and the end of an utterance.
+        << results("word", R"(,"speech_final":true)") << "interim(word)";
     QTest::newRow("a final that ends the utterance")
-        << results(words, R"(,"is_final":true,"speech_final":true)")
-        << Expected(Event::final("hello there", true));
+        << results(words, R"(,"is_final":true,"speech_final":true)") << "final(hello there, end)";
     QTest::newRow("a final without speech_final does not end the utterance")
-        << results(words, R"(,"is_final":true)") << Expected(Event::final("hello there", false));
+        << results(words, R"(,"is_final":true)") << "final(hello there)";
     QTest::newRow("an empty final is still reported")
-        << results("", R"(,"is_final":true,"speech_final":true)") << Expected(Event::final("", true));
+        << results("", R"(,"is_final":true,"speech_final":true)") << "final(, end)";
     QTest::newRow("a final of only spaces is reported empty")
-        << results("   ", R"(,"is_final":true)") << Expected(Event::final("", false));
+        << results("   ", R"(,"is_final":true)") << "final()";
     QTest::newRow("is_final as a string does not count")
-        << results("word", R"(,"is_final":"true")") << Expected(Event::interim("word"));
+        << results("word", R"(,"is_final":"true")") << "interim(word)";
     QTest::newRow("speech_final as a string does not count")
-        << results("word", R"(,"is_final":true,"speech_final":"true")")
-        << Expected(Event::final("word", false));
+        << results("word", R"(,"is_final":true,"speech_final":"true")") << "final(word)";
 
-    // White space: tabs and space separators go, line breaks stay.
-    QTest::newRow("tabs are trimmed") << results("\\tword\\t") << Expected(Event::interim("word"));
+    // Tabs and space separators go, line breaks stay.
+    QTest::newRow("tabs are trimmed") << results("\\tword\\t") << "interim(word)";
     QTest::newRow("no-break and ideographic spaces are trimmed")
-        << results(QStringLiteral(u"\u00a0\u3000word\u2003")) << Expected(Event::interim("word"));
-    QTest::newRow("line breaks at the ends are kept")
-        << results("\\nword \\n") << Expected(Event::interim("\nword \n"));
+        << results(QStringLiteral(u"\u00a0\u3000word\u2003")) << "interim(word)";
+    QTest::newRow("line breaks at the ends are kept") << results("\\nword \\n") << "interim(\nword \n)";
 
     // A transcript path that breaks anywhere counts as empty text.
-    QTest::newRow("no channel, final")
-        << R"({"type":"Results","is_final":true})" << Expected(Event::final("", false));
+    QTest::newRow("no channel") << R"({"type":"Results","is_final":true})"
+                                << "final()";
     QTest::newRow("empty alternatives")
         << R"({"type":"Results","is_final":true,"channel":{"alternatives":[]}})"
-        << Expected(Event::final("", false));
+        << "final()";
     QTest::newRow("first alternative not an object")
         << R"({"type":"Results","is_final":true,"channel":{"alternatives":["x",{"transcript":"y"}]}})"
-        << Expected(Event::final("", false));
+        << "final()";
     QTest::newRow("transcript not a string")
         << R"({"type":"Results","is_final":true,"channel":{"alternatives":[{"transcript":5}]}})"
-        << Expected(Event::final("", false));
+        << "final()";
     QTest::newRow("only the first alternative counts")
         << R"({"type":"Results","channel":{"alternatives":[{"transcript":"one"},{"transcript":"two"}]}})"
-        << Expected(Event::interim("one"));
+        << "interim(one)";
 
-    // Utterance ends and everything that is not one of the two message types.
-    QTest::newRow("utterance end") << R"({"type":"UtteranceEnd"})" << Expected(Event::utteranceEnd());
+    QTest::newRow("utterance end") << R"({"type":"UtteranceEnd"})"
+                                   << "utteranceEnd()";
     QTest::newRow("utterance end in another case") << R"({"type":"utteranceend"})" << nothing;
     QTest::newRow("another message type") << R"({"type":"SpeechStarted","is_final":true})" << nothing;
     QTest::newRow("no type") << R"({"is_final":true,"channel":{"alternatives":[{"transcript":"x"}]}})"
@@ -94,10 +79,10 @@ void TestRecognitionMessage::messagesBecomeTheRightEvent_data() {
 
 void TestRecognitionMessage::messagesBecomeTheRightEvent() {
     QFETCH(QString, message);
-    QFETCH(Expected, expected);
+    QFETCH(QString, expected);
 
-    QCOMPARE(describe(parseRecognitionMessage(message)), describe(expected));
-    QCOMPARE(parseRecognitionMessage(message), expected);
+    const std::optional<SpeechStream::Event> event = parseRecognitionMessage(message);
+    QCOMPARE(event ? eventText(*event) : QStringLiteral("nothing"), expected);
 }
 
 QTEST_APPLESS_MAIN(TestRecognitionMessage)
