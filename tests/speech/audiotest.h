@@ -3,19 +3,13 @@
 #include "miccapture.h"
 #include "systemaudiocapture.h"
 
-#include <QElapsedTimer>
 #include <QTest>
 #include <QtEndian>
 
 #include <cmath>
-#include <cstdint>
-#include <memory>
-#include <mutex>
 #include <numbers>
-#include <utility>
-#include <vector>
 
-// Test signals and their analysis, and the captures as the audio tests drive them.
+// Test signals and their analysis, and the captures, for the audio tests.
 namespace AudioSignal {
 
 // `frames` frames of `format` from frame `start` of an endless signal in which channel c is a sine of hz[c]
@@ -47,41 +41,34 @@ inline std::vector<double> samples(const QByteArray& pcm) {
     return out;
 }
 
-inline double rms(const std::vector<double>& samples) {
-    double sum = 0;
-    for (double s : samples) sum += s * s;
-    return samples.empty() ? 0 : std::sqrt(sum / double(samples.size()));
-}
+// Fits the tones `hz` to `samples` taken at `rate`, by correlation over the whole run (which should span many
+// periods): their amplitudes, and the root mean square of what is left, which is near zero for a clean sum of
+// those tones and large when the run has gaps, repeated pieces or clicks.
+struct Fit {
+    QList<double> amplitudes;
+    double residual = 0;
+};
 
-// The sine and cosine amplitudes of the component at `hz`, by correlation over the whole run (which should
-// span many periods).
-inline std::pair<double, double> component(const std::vector<double>& samples, double rate, double hz) {
-    double sine = 0;
-    double cosine = 0;
-    for (std::size_t i = 0; i < samples.size(); ++i) {
-        const double phase = 2 * std::numbers::pi * hz * double(i) / rate;
-        sine += samples[i] * std::sin(phase);
-        cosine += samples[i] * std::cos(phase);
-    }
-    return {2 * sine / double(samples.size()), 2 * cosine / double(samples.size())};
-}
-
-inline double amplitudeAt(const std::vector<double>& samples, double rate, double hz) {
-    const auto [sine, cosine] = component(samples, rate, hz);
-    return std::hypot(sine, cosine);
-}
-
-// What is left once the components at `hz` have been taken out: near zero for a clean sum of those tones,
-// large when the run has gaps, repeated pieces or clicks.
-inline double residual(std::vector<double> samples, double rate, const QList<double>& hz) {
+inline Fit fit(std::vector<double> samples, double rate, const QList<double>& hz) {
+    Fit out;
+    const auto n = double(samples.size());
     for (double f : hz) {
-        const auto [sine, cosine] = component(samples, rate, f);
+        double sine = 0;
+        double cosine = 0;
+        for (std::size_t i = 0; i < samples.size(); ++i) {
+            sine += samples[i] * std::sin(2 * std::numbers::pi * f * double(i) / rate) * 2 / n;
+            cosine += samples[i] * std::cos(2 * std::numbers::pi * f * double(i) / rate) * 2 / n;
+        }
         for (std::size_t i = 0; i < samples.size(); ++i) {
             const double phase = 2 * std::numbers::pi * f * double(i) / rate;
             samples[i] -= sine * std::sin(phase) + cosine * std::cos(phase);
         }
+        out.amplitudes.append(std::hypot(sine, cosine));
     }
-    return rms(samples);
+    double sum = 0;
+    for (double s : samples) sum += s * s;
+    out.residual = samples.empty() ? 0 : std::sqrt(sum / n);
+    return out;
 }
 
 }  // namespace AudioSignal
@@ -102,12 +89,6 @@ inline std::unique_ptr<AudioCapture> makeCapture(Which which,
     return std::make_unique<SystemAudioCapture>(std::move(server));
 }
 
-// What the user is told when a capture's server or source is missing.
-inline QString missingMessage(Which which) {
-    return which == Which::microphone ? QStringLiteral("No microphone found.")
-                                      : QStringLiteral("No display found to capture audio from.");
-}
-
 // The case `name` once for each capture, as the first column `which` followed by `values`.
 template <typename... Values>
 void addCaptureRows(const char* name, const Values&... values) {
@@ -115,56 +96,4 @@ void addCaptureRows(const char* name, const Values&... values) {
         const char* capture = which == Which::microphone ? "microphone" : "system audio";
         (QTest::addRow("%s, %s", capture, name) << which << ... << values);
     }
-}
-
-// What a capture handed to onAudio so far.
-struct Received {
-    QByteArray pcm;
-    QList<std::pair<qint64, qsizetype>> arrivals;  // each call: ms since the recorder was made, bytes by then
-    int late = 0;                                  // calls after close()
-};
-
-// Records what a capture hands to onAudio (on the capture's thread) for the test's thread to read.
-class CaptureRecorder {
-public:
-    CaptureRecorder() { clock_.start(); }
-
-    AudioCapture::AudioHandler handler() {
-        return [this](const QByteArray& pcm) {
-            std::lock_guard lock(mutex_);
-            received_.late += closed_ ? 1 : 0;
-            received_.pcm += pcm;
-            received_.arrivals.append({clock_.elapsed(), received_.pcm.size()});
-        };
-    }
-    Received snapshot() {
-        std::lock_guard lock(mutex_);
-        return received_;
-    }
-    // From now on a call counts as late: the capture promised that none would come.
-    void close() {
-        std::lock_guard lock(mutex_);
-        closed_ = true;
-    }
-
-private:
-    std::mutex mutex_;
-    QElapsedTimer clock_;
-    bool closed_ = false;
-    Received received_;
-};
-
-// Starts `capture` and waits up to ten seconds for the outcome.
-inline Result<Done> startAndWait(AudioCapture& capture) {
-    std::optional<Result<Done>> result;
-    capture.start([&result](Result<Done> r) { result = std::move(r); });
-    if (!QTest::qWaitFor([&result] { return result.has_value(); }, 10'000))
-        return Failure::other(QStringLiteral("no outcome"));
-    return *result;
-}
-
-// Empty once `capture` has started, else what went wrong.
-inline QString startProblem(AudioCapture& capture) {
-    const Result<Done> result = startAndWait(capture);
-    return result.ok() ? QString() : result.failure().description();
 }
