@@ -9,7 +9,8 @@
 #include <cmath>
 #include <numbers>
 
-// Test signals and their analysis, and the captures, for the audio tests.
+Q_DECLARE_METATYPE(AudioFormat)
+
 namespace AudioSignal {
 
 // `frames` frames of `format` from frame `start` of an endless signal in which channel c is a sine of hz[c]
@@ -41,9 +42,9 @@ inline std::vector<double> samples(const QByteArray& pcm) {
     return out;
 }
 
-// Fits the tones `hz` to `samples` taken at `rate`, by correlation over the whole run (which should span many
-// periods): their amplitudes, and the root mean square of what is left, which is near zero for a clean sum of
-// those tones and large when the run has gaps, repeated pieces or clicks.
+// The amplitudes of the tones `hz` in `samples` at `rate`, by correlation over many periods, and the root
+// mean square of what is left: near zero for a clean sum of those tones, large with gaps, repeated pieces or
+// clicks.
 struct Fit {
     QList<double> amplitudes;
     double residual = 0;
@@ -73,7 +74,6 @@ inline Fit fit(std::vector<double> samples, double rate, const QList<double>& hz
 
 }  // namespace AudioSignal
 
-// `samples` as whole frames of `format`.
 inline AudioBuffer bufferOf(const AudioFormat& format, const QByteArray& samples) {
     const qsizetype frameBytes =
         format.channels * (format.sampleType == AudioFormat::SampleType::int16 ? 2 : 4);

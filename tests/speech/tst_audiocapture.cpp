@@ -3,10 +3,6 @@
 
 #include <QTest>
 
-using Report = std::optional<AudioServer::Failure::Kind>;
-Q_DECLARE_METATYPE(AudioFormat)
-Q_DECLARE_METATYPE(Report)
-
 namespace {
 
 using Kind = AudioServer::Failure::Kind;
@@ -31,10 +27,6 @@ public:
     int alive = 0;  // recordings the capture has not ended
 };
 
-QByteArray toneBuffer(const AudioFormat& format, qint64 buffer) {
-    return AudioSignal::tone(format, QList<double>(format.channels, 1000), 0.5, buffer * 4096, 4096);
-}
-
 }  // namespace
 
 class AudioCaptureTest : public QObject {
@@ -54,34 +46,26 @@ private slots:
 
         auto server = std::make_shared<FakeAudioServer>();
         auto capture = makeCapture(which, server);
-        QList<Result<Done>> outcomes;
-        const auto record = [&outcomes](Result<Done> result) { outcomes.append(std::move(result)); };
-        capture->start(record);
-        // The microphone records in the device's own format, system audio in the one it is mixed in.
+        capture->start([](const Result<Done>&) {});
         const AudioFormat mixed{48000, 2, AudioFormat::SampleType::float32};
         QCOMPARE(server->request.format, which == Which::microphone ? std::nullopt : std::optional(mixed));
         QCOMPARE(server->request.framesPerBuffer, 4096);
-        server->handlers.started();
-        // The completion comes from the event loop, never from inside the server's handler.
-        QVERIFY(outcomes.isEmpty());
-        QTRY_COMPARE(outcomes.size(), 1);
-        QVERIFY(outcomes.first().ok());
-        // Without a handler the audio goes nowhere.
-        for (int i = 0; i < 4; ++i) server->handlers.audio(bufferOf(format, toneBuffer(format, i)));
-        capture->stop();
-
-        // The second run continues the first one's signal exactly: the converter kept its look-ahead.
+        // The first run's audio goes nowhere; the second continues its signal exactly, with the same
+        // converter.
         QByteArray received;
-        capture->setOnAudio([&received](const QByteArray& pcm) { received += pcm; });
-        capture->start(record);
-        for (int i = 4; i < 12; ++i) {
-            server->handlers.audio(bufferOf(format, toneBuffer(format, i)));
-            server->handlers.audio(bufferOf(format, {}));
-        }
         PCMConverter reference;
         QByteArray expected;
         for (int i = 0; i < 12; ++i) {
-            const QByteArray pcm = reference.convert(bufferOf(format, toneBuffer(format, i))).value_or("");
+            if (i == 4) {
+                capture->stop();
+                capture->setOnAudio([&received](const QByteArray& pcm) { received += pcm; });
+                capture->start([](const Result<Done>&) {});
+            }
+            const QByteArray samples =
+                AudioSignal::tone(format, QList<double>(format.channels, 1000), 0.5, i * 4096, 4096);
+            server->handlers.audio(bufferOf(format, samples));
+            server->handlers.audio(bufferOf(format, {}));
+            const QByteArray pcm = reference.convert(bufferOf(format, samples)).value_or("");
             expected += i >= 4 ? pcm : QByteArray();
         }
         QVERIFY(!expected.isEmpty());
@@ -90,65 +74,58 @@ private slots:
 
     void reportsOfTheServerReachTheOwnerUnlessTheRunWasStopped_data() {
         QTest::addColumn<Which>("which");
-        QTest::addColumn<Report>("report");  // absent: the server reports the start
-        QTest::addColumn<bool>("ownStop");   // before the report reaches the main thread
-        QTest::addColumn<QString>("start");
-        QTest::addColumn<QStringList>("stops");
+        // What happens in turn; the main thread runs only after "started", so reports can be on their way.
+        QTest::addColumn<QString>("steps");
+        QTest::addColumn<QString>("outcome");  // of start(), then what onStop reported
 
-        QTest::newRow("microphone, no server") << Which::microphone << Report(Kind::noServer) << false
-                                               << "backend: No microphone found." << QStringList();
+        QTest::newRow("microphone, no server") << Which::microphone << "noServer"
+                                               << "backend error: No microphone found.";
         QTest::newRow("system audio, no default output")
-            << Which::systemAudio << Report(Kind::noDevice) << false
-            << "backend: No display found to capture audio from." << QStringList();
-        QTest::newRow("the server refuses")
-            << Which::microphone << Report(Kind::server) << false << "Server says no" << QStringList();
-        QTest::newRow("the server ends the capture") << Which::systemAudio << Report(Kind::server) << false
-                                                     << "started" << QStringList{"Server says no"};
+            << Which::systemAudio << "noDevice"
+            << "backend error: No display found to capture audio from.";
+        QTest::newRow("the server refuses") << Which::microphone << "refused"
+                                            << "Server says no";
+        QTest::newRow("the server ends the capture") << Which::systemAudio << "started refused"
+                                                     << "started; Server says no";
         QTest::newRow("the owner stops before the end is reported")
-            << Which::microphone << Report(Kind::server) << true << "started" << QStringList();
-        QTest::newRow("the owner stops while starting")
-            << Which::microphone << Report() << true << "The capture was stopped before it started."
-            << QStringList();
+            << Which::microphone << "started refused stop"
+            << "started";
+        QTest::newRow("the owner stops while starting") << Which::microphone << "stop started"
+                                                        << "The capture was stopped before it started.";
     }
 
     void reportsOfTheServerReachTheOwnerUnlessTheRunWasStopped() {
         QFETCH(Which, which);
-        QFETCH(Report, report);
-        QFETCH(bool, ownStop);
-        QFETCH(QString, start);
-        QFETCH(QStringList, stops);
+        QFETCH(QString, steps);
+        QFETCH(QString, outcome);
 
         auto server = std::make_shared<FakeAudioServer>();
         auto capture = makeCapture(which, server);
-        QStringList stopped;
-        capture->setOnStop([&stopped](const Failure& failure) { stopped.append(failure.description()); });
+        QStringList stops;
+        capture->setOnStop([&stops](const Failure& failure) { stops.append(failure.description()); });
         QList<Result<Done>> outcomes;
-        const auto record = [&outcomes](Result<Done> result) { outcomes.append(std::move(result)); };
-        capture->start(record);
+        capture->start([&outcomes](Result<Done> result) { outcomes.append(std::move(result)); });
         const AudioServer::Handlers handlers = server->handlers;
-        if (start == "started") {
-            handlers.started();
-            QTRY_COMPARE(outcomes.size(), 1);
+        const QMap<QString, Kind> kinds{{"noServer", Kind::noServer}, {"noDevice", Kind::noDevice}};
+        for (const QString& step : steps.split(' ')) {
+            if (step == "stop") {
+                capture->stop();
+            } else if (step == "started") {
+                handlers.started();
+                // The completion comes from the event loop, never from inside the server's handler.
+                QVERIFY(outcomes.isEmpty());
+                QTRY_VERIFY(!outcomes.isEmpty());
+            } else {
+                handlers.failed({kinds.value(step, Kind::server), QStringLiteral("Server says no")});
+            }
         }
-        if (report)
-            handlers.failed({*report, QStringLiteral("Server says no")});
-        else
-            handlers.started();
-        if (ownStop)
-            capture->stop();
         QTest::qWait(20);
         QCOMPARE(server->alive, 0);
         QCOMPARE(outcomes.size(), 1);
         const Failure* failure = outcomes.first().ok() ? nullptr : &outcomes.first().failure();
-        const QString prefix = failure && failure->is(BackendError::Kind::server) ? "backend: " : "";
-        QCOMPARE(failure ? prefix + failure->description() : QStringLiteral("started"), start);
-        QCOMPARE(stopped, stops);
-
-        // The next start tries again.
-        capture->start(record);
-        server->handlers.started();
-        QTRY_COMPARE(outcomes.size(), 2);
-        QVERIFY(outcomes.last().ok());
+        const QString prefix = failure && failure->is(BackendError::Kind::server) ? "backend error: " : "";
+        QCOMPARE(QStringList(failure ? prefix + failure->description() : "started") + stops,
+                 outcome.split("; "));
     }
 };
 

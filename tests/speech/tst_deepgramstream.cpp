@@ -44,13 +44,13 @@ struct Rig {
             askedAt.append(clock.elapsed());
             if (holdTokens)
                 return held.append(std::move(done));
-            // A moment later on the main thread, as the backend answers.
             const Result<QString> answer = answers[std::min(askedAt.size(), answers.size()) - 1];
             QMetaObject::invokeMethod(
                 qApp, [done, answer] { done(answer); }, Qt::QueuedConnection);
         };
-        const DeepgramStream::Timing timing{second, 50ms, 250ms, handshakeTimeout};
-        stream = std::make_unique<DeepgramStream>(QStringLiteral("Interviewer"), tokens, timing);
+        stream =
+            std::make_unique<DeepgramStream>(QStringLiteral("Interviewer"), tokens,
+                                             DeepgramStream::Timing{second, 50ms, 250ms, handshakeTimeout});
         stream->setOnEvent([this](const SpeechStream::Event& event) {
             events.append(eventText(event));
             if (event.kind == SpeechStream::Event::Kind::failed)
@@ -60,8 +60,6 @@ struct Rig {
 
     const TestWebSocketServer::Connection& connection(int index) { return server.connections().at(index); }
 };
-
-enum class Breakage { refused, silentHandshake, tokenFailure };
 
 }  // namespace
 
@@ -85,11 +83,6 @@ private slots:
         QTRY_COMPARE(rig.events, (QStringList{"connected()", "interim(tell me)", "utteranceEnd()"}));
         QCOMPARE(rig.connection(0).target, "/speech/v1/listen" + listenQuery);
         QCOMPARE(rig.connection(0).header("Authorization"), "Bearer eyJ0.abc-DEF_123");
-        // A binary message from the service is ignored and the stream goes on listening.
-        rig.server.sendBinary(0, "binary");
-        rig.server.sendText(0, R"({"type":"Results","is_final":true})");
-        QTRY_COMPARE(rig.events.size(), 4);
-        QCOMPARE(rig.events.last(), "final()");
 
         const auto frames = [&rig] {  // a: audio, k: keep-alive
             QString kinds;
@@ -97,10 +90,8 @@ private slots:
                 kinds += frame.binary ? u'a' : frame.payload == R"({"type":"KeepAlive"})" ? u'k' : u'?';
             return kinds;
         };
-        // No audio since the stream was made: the ticks send keep-alives.
         QTRY_VERIFY(frames().startsWith("kkk"));
-        // Audio from the capture's thread, as in the program, every 20 ms: well inside the idle threshold and
-        // across many ticks. Then silence again.
+        // From the capture's thread, as in the program, every 20 ms: inside the idle threshold, across ticks.
         QList<QByteArray> sent;
         std::atomic<bool> done = false;
         std::thread capture([&] {
@@ -115,39 +106,36 @@ private slots:
     }
 
     void failedAttemptsAreReportedOnceAndRetriedWithDoublingDelays_data() {
-        QTest::addColumn<Breakage>("breakage");
+        QTest::addColumn<QString>("breakage");
         QTest::addColumn<Failure>("failure");  // the token provider's answer
         QTest::addColumn<bool>("retried");
 
         // Qt signals a refused connection twice.
-        QTest::newRow("connection refused") << Breakage::refused << Failure::other({}) << true;
-        QTest::newRow("handshake never completes") << Breakage::silentHandshake << Failure::other({}) << true;
-        QTest::newRow("token: network error")
-            << Breakage::tokenFailure << Failure(BackendError::network("Down.")) << true;
+        QTest::newRow("connection refused") << "refused" << Failure::other({}) << true;
+        QTest::newRow("handshake never completes") << "silent handshake" << Failure::other({}) << true;
+        QTest::newRow("token: network error") << "token" << Failure(BackendError::network("Down.")) << true;
         // Asking again cannot help until the owner starts over.
-        QTest::newRow("token: server error")
-            << Breakage::tokenFailure << Failure(BackendError::server("Limit.")) << false;
-        QTest::newRow("token: signed out")
-            << Breakage::tokenFailure << Failure(BackendError::signedOut()) << false;
+        QTest::newRow("token: server error") << "token" << Failure(BackendError::server("Limit.")) << false;
+        QTest::newRow("token: signed out") << "token" << Failure(BackendError::signedOut()) << false;
     }
 
     void failedAttemptsAreReportedOnceAndRetriedWithDoublingDelays() {
-        QFETCH(Breakage, breakage);
+        QFETCH(QString, breakage);
         QFETCH(Failure, failure);
         QFETCH(bool, retried);
-        const QString event = breakage == Breakage::tokenFailure
+        const QString event = breakage == "token"
                                   ? eventText(SpeechStream::Event::failed(failure.description()))
                                   : reconnecting;
 
         Rig rig(unit, 100ms);
         const quint16 port = rig.server.port();
         QTcpServer silent;  // accepts the connection and then says nothing
-        if (breakage == Breakage::refused)
+        if (breakage == "refused")
             rig.server.close();
-        if (breakage == Breakage::silentHandshake && silent.listen(QHostAddress::LocalHost))
+        if (breakage == "silent handshake" && silent.listen(QHostAddress::LocalHost))
             rig.environment.set("TALLOWIND_STT_URL",
                                 "ws://127.0.0.1:" + QByteArray::number(silent.serverPort()));
-        if (breakage == Breakage::tokenFailure)
+        if (breakage == "token")
             rig.answers = {failure};
         rig.stream->start();
         if (!retried) {
@@ -162,33 +150,14 @@ private slots:
         for (qsizetype i = 0; i < delays.size(); ++i)
             QVERIFY(rig.askedAt[i + 1] - rig.askedAt[i] >= qint64(delays[i]) * unit.count());
 
-        // Once the service is back the stream connects with a fresh token and starts the doubling over.
         rig.answers = {QStringLiteral("fresh")};
-        if (breakage == Breakage::refused)
+        if (breakage == "refused")
             QVERIFY(rig.server.listen(port));
         rig.environment.set("TALLOWIND_STT_URL", rig.server.url().toEncoded());
         QTRY_COMPARE(rig.events.last(), "connected()");
         QCOMPARE(rig.events.count(event), rig.askedAt.size() - 1);
         QCOMPARE(rig.server.connections().last().header("Authorization"), "Bearer fresh");
         QCOMPARE(rig.stream->retryDelay(), 1u);
-    }
-
-    void stopWhileWaitingForARetryOrATokenOpensNothing() {
-        Rig rig(100ms);
-        rig.answers = {BackendError::network("offline")};
-        rig.stream->start();
-        QTRY_COMPARE(rig.events.size(), 1);
-        rig.stream->stop();
-        // The wait counts as over: its doubling stands, the attempt after it is not made.
-        QCOMPARE(rig.stream->retryDelay(), 2u);
-        rig.holdTokens = true;
-        rig.stream->start();
-        rig.stream->stop();
-        rig.held.takeFirst()(QStringLiteral("late"));
-        QTest::qWait(300);
-        QCOMPARE(rig.askedAt.size(), 2);
-        QCOMPARE(rig.events, QStringList{"failed(offline)"});
-        QVERIFY(rig.server.connections().isEmpty());
     }
 
     void stopClosesWithCloseStreamAndAStartLeavesTheOldSocketSilent() {
@@ -204,8 +173,7 @@ private slots:
         QCOMPARE(rig.connection(0).closeCode, 1000);
         QVERIFY(rig.connection(0).texts().endsWith(R"({"type":"CloseStream"})"));
         QCOMPARE(rig.connection(0).binaries(), QList<QByteArray>{"audio"});
-        // Started again after stop, then while running: the old socket's end is not taken for a broken
-        // connection, not even after several retry waits.
+        // Started again after stop, then while running: an old socket's end is no broken connection.
         rig.stream->start();
         QTRY_COMPARE(rig.events.size(), 2);
         rig.stream->start();
