@@ -35,7 +35,7 @@ struct Rig {
     QList<std::uint64_t> retryDelays;  // the stream's delay at each failed event
     std::unique_ptr<DeepgramStream> stream;
 
-    explicit Rig(std::chrono::milliseconds second = unit, std::chrono::milliseconds handshakeTimeout = 5s) {
+    explicit Rig(std::chrono::milliseconds handshakeTimeout = 5s) {
         if (!server.listen())
             qFatal("no loopback port for the test server");
         environment.set("TALLOWIND_STT_URL", server.url().toEncoded());
@@ -50,7 +50,7 @@ struct Rig {
         };
         stream =
             std::make_unique<DeepgramStream>(QStringLiteral("Interviewer"), tokens,
-                                             DeepgramStream::Timing{second, 50ms, 250ms, handshakeTimeout});
+                                             DeepgramStream::Timing{unit, 50ms, 250ms, handshakeTimeout});
         stream->setOnEvent([this](const SpeechStream::Event& event) {
             events.append(eventText(event));
             if (event.kind == SpeechStream::Event::Kind::failed)
@@ -127,7 +127,7 @@ private slots:
                                   ? eventText(SpeechStream::Event::failed(failure.description()))
                                   : reconnecting;
 
-        Rig rig(unit, 100ms);
+        Rig rig(100ms);
         const quint16 port = rig.server.port();
         QTcpServer silent;  // accepts the connection and then says nothing
         if (breakage == "refused")

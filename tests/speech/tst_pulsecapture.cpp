@@ -53,9 +53,7 @@ private slots:
             QVERIFY(server->running());
             environment.set("PULSE_SERVER", server->address().toUtf8());
         }
-        auto capture = makeCapture(which);
-        // From the capture's thread: the bytes, each call's time and bytes so far, and calls that came too
-        // late.
+        // From the capture's thread: the bytes, each call's time and bytes so far, and the late calls.
         std::mutex mutex;
         QElapsedTimer clock;
         clock.start();
@@ -63,11 +61,11 @@ private slots:
         QList<std::pair<qint64, qsizetype>> arrivals;
         bool closed = false;
         int late = 0;
-        capture->setOnAudio([&](const QByteArray& buffer) {
+        const auto onAudio = [&](const QByteArray& buffer) {
             std::lock_guard lock(mutex);
             late += closed ? 1 : 0;
             arrivals.append({clock.elapsed(), (pcm += buffer).size()});
-        });
+        };
         const auto calls = [&] {
             std::lock_guard lock(mutex);
             return arrivals.size();
@@ -77,6 +75,8 @@ private slots:
             closed = true;
         };
         QStringList stops;
+        auto capture = makeCapture(which);
+        capture->setOnAudio(onAudio);
         capture->setOnStop([&](const Failure& failure) {
             stops.append(QThread::currentThread() == qApp->thread() ? failure.description()
                                                                     : "off the main thread");
