@@ -4,98 +4,61 @@
 #include "testwebsocketserver.h"
 
 #include <QElapsedTimer>
+#include <QRegularExpression>
 #include <QTcpServer>
 #include <QTest>
-#include <QThread>
 
+#include <atomic>
 #include <thread>
 
 using namespace std::chrono_literals;
-using Event = SpeechStream::Event;
 
 namespace {
 
-const QByteArray listenTarget =
-    "/v1/listen?model=nova-3&encoding=linear16&sample_rate=16000&channels=1&interim_results=true"
-    "&smart_format=true&punctuate=true&endpointing=300&utterance_end_ms=1000&vad_events=true";
-const QString keepAlive = QStringLiteral(R"({"type":"KeepAlive"})");
-const QString closeStream = QStringLiteral(R"({"type":"CloseStream"})");
-const QString reconnecting = QStringLiteral(u"Reconnecting to speech service\u2026");
+const QByteArray listenQuery =
+    "?model=nova-3&encoding=linear16&sample_rate=16000&channels=1&interim_results=true&smart_format=true"
+    "&punctuate=true&endpointing=300&utterance_end_ms=1000&vad_events=true";
+const QString reconnecting = QStringLiteral(u"failed(Reconnecting to speech service\u2026)");
+constexpr auto unit = 10ms;  // one second of reconnection delay
 
-// One second of reconnection delay lasts this long here.
-constexpr auto unit = 10ms;
-
-DeepgramStream::Timing fastTiming() {
-    DeepgramStream::Timing timing;
-    timing.second = unit;
-    timing.keepAlivePeriod = 50ms;
-    timing.idleThreshold = 120ms;
-    timing.handshakeTimeout = 5000ms;
-    return timing;
-}
-
-// Collects what a stream reports, and notes whether anything arrived off the main thread.
-struct Recorder {
+// The service on loopback, a stream pointed at it with a scripted token provider, and what it reports.
+struct Rig {
+    TestWebSocketServer server;
+    ScopedEnvironment environment;
+    // The token provider's answers, the last one repeating; with holdTokens the test answers them itself.
+    QList<Result<QString>> answers{QStringLiteral("token-1")};
+    bool holdTokens = false;
+    QList<Completion<QString>> held;
+    QElapsedTimer clock;
+    QList<qint64> askedAt;
     QStringList events;
     QList<std::uint64_t> retryDelays;  // the stream's delay at each failed event
-    bool offMainThread = false;
-    DeepgramStream* stream = nullptr;
+    std::unique_ptr<DeepgramStream> stream;
 
-    SpeechStream::EventHandler handler() {
-        return [this](const Event& event) {
-            offMainThread = offMainThread || QThread::currentThread() != qApp->thread();
-            events.append(eventText(event));
-            if (event.kind == Event::Kind::failed && stream) {
-                retryDelays.append(stream->retryDelay());
-            }
-        };
-    }
-    qsizetype count(const QString& event) const { return events.count(event); }
-};
-
-// A token provider that answers from a script (the last answer repeats), a moment later on the main
-// thread like the backend does, or holds the requests until the test answers them.
-struct FakeTokens {
-    QList<Result<QString>> answers{QStringLiteral("token-1")};
-    bool hold = false;
-    QList<Completion<QString>> held;
-    QList<qint64> askedAt;
-    QElapsedTimer clock;
-
-    FakeTokens() { clock.start(); }
-    qsizetype asked() const { return askedAt.size(); }
-
-    TokenProvider provider() {
-        return [this](Completion<QString> done) {
+    explicit Rig(std::chrono::milliseconds handshakeTimeout = 5s) {
+        if (!server.listen())
+            qFatal("no loopback port for the test server");
+        environment.set("TALLOWIND_STT_URL", server.url().toEncoded());
+        clock.start();
+        const auto tokens = [this](Completion<QString> done) {
             askedAt.append(clock.elapsed());
-            if (hold) {
-                held.append(std::move(done));
-                return;
-            }
-            const Result<QString> answer = answers[std::min(asked(), answers.size()) - 1];
+            if (holdTokens)
+                return held.append(std::move(done));
+            const Result<QString> answer = answers[std::min(askedAt.size(), answers.size()) - 1];
             QMetaObject::invokeMethod(
                 qApp, [done, answer] { done(answer); }, Qt::QueuedConnection);
         };
+        stream =
+            std::make_unique<DeepgramStream>(QStringLiteral("Interviewer"), tokens,
+                                             DeepgramStream::Timing{unit, 50ms, 250ms, handshakeTimeout});
+        stream->setOnEvent([this](const SpeechStream::Event& event) {
+            events.append(eventText(event));
+            if (event.kind == SpeechStream::Event::Kind::failed)
+                retryDelays.append(stream->retryDelay());
+        });
     }
-};
 
-// The server, the stream pointed at it, and what the stream reports.
-struct Fixture {
-    TestWebSocketServer server;
-    ScopedEnvironment environment;
-    FakeTokens tokens;
-    Recorder recorder;
-    std::unique_ptr<DeepgramStream> stream;
-
-    explicit Fixture(DeepgramStream::Timing timing = fastTiming()) {
-        if (!server.listen()) {
-            qFatal("no loopback port for the test server");
-        }
-        environment.set("TALLOWIND_STT_URL", server.url().toEncoded());
-        stream = std::make_unique<DeepgramStream>(QStringLiteral("Interviewer"), tokens.provider(), timing);
-        recorder.stream = stream.get();
-        stream->setOnEvent(recorder.handler());
-    }
+    const TestWebSocketServer::Connection& connection(int index) { return server.connections().at(index); }
 };
 
 }  // namespace
@@ -104,328 +67,125 @@ class TestDeepgramStream : public QObject {
     Q_OBJECT
 
 private slots:
-    void endpoint_data();
-    void endpoint();
-    void connectsAndDeliversEventsInOrder();
-    void sendsAudioAsGivenOnceTheSocketOpens();
-    void keepsAnIdleConnectionAlive();
-    void stopClosesWithCloseStreamAndNormalCode();
-    void reconnectsAfterTheServerDropsTheConnection();
-    void refusedAttemptsAreReportedOnceAndResetTheDelay();
-    void giveUpOnAHandshakeThatNeverCompletes();
-    void tokenFailures_data();
-    void tokenFailures();
-    void retryDelaysDoubleUpToSixteen();
-    void stopWhileWaitingOpensNothing_data();
-    void stopWhileWaitingOpensNothing();
-    void startAgain_data();
-    void startAgain();
-};
+    void connectsWithItsTokenDeliversEventsAndSendsAudioOrElseKeepAlives() {
+        Rig rig;
+        rig.holdTokens = true;
+        // Under a path with a trailing slash, as a self-hosted service may be reached.
+        rig.environment.set("TALLOWIND_STT_URL", rig.server.url().toEncoded() + "/speech/");
+        rig.server.setGreeting(
+            {R"({"type":"Results","channel":{"alternatives":[{"transcript":"  tell me  "}]}})",
+             "not json at all", R"({"type":"UtteranceEnd"})"});
+        rig.stream->send("before start");
+        rig.stream->start();
+        rig.stream->send("waiting for the token");
+        rig.held.takeFirst()(QStringLiteral("eyJ0.abc-DEF_123"));
+        rig.stream->send("during the handshake");
+        QTRY_COMPARE(rig.events, (QStringList{"connected()", "interim(tell me)", "utteranceEnd()"}));
+        QCOMPARE(rig.connection(0).target, "/speech/v1/listen" + listenQuery);
+        QCOMPARE(rig.connection(0).header("Authorization"), "Bearer eyJ0.abc-DEF_123");
 
-void TestDeepgramStream::endpoint_data() {
-    QTest::addColumn<QUrl>("base");
-    QTest::addColumn<QString>("expected");
-
-    const QString query = QString::fromLatin1(listenTarget.mid(listenTarget.indexOf('?')));
-    QTest::newRow("a trailing slash")
-        << QUrl("wss://api.deepgram.com/") << "wss://api.deepgram.com/v1/listen" + query;
-    QTest::newRow("a local server under a path")
-        << QUrl("ws://localhost:9/speech/") << "ws://localhost:9/speech/v1/listen" + query;
-}
-
-void TestDeepgramStream::endpoint() {
-    QFETCH(QUrl, base);
-    QFETCH(QString, expected);
-    QCOMPARE(DeepgramStream::endpoint(base).toString(QUrl::FullyEncoded), expected);
-}
-
-void TestDeepgramStream::connectsAndDeliversEventsInOrder() {
-    Fixture f;
-    f.tokens.answers = {QStringLiteral("eyJ0.abc-DEF_123")};
-    f.server.setGreeting({
-        R"({"type":"Metadata","request_id":"r"})",
-        R"({"type":"Results","is_final":false,"channel":{"alternatives":[{"transcript":"  tell me  "}]}})",
-        "not json at all",
-        R"({"type":"Results","is_final":true,"speech_final":true,"channel":{"alternatives":[{"transcript":"tell me about it"}]}})",
-        R"({"type":"UtteranceEnd","last_word_end":1.2})",
-    });
-    QCOMPARE(f.stream->label(), QStringLiteral("Interviewer"));
-    f.stream->start();
-    QTRY_COMPARE(f.recorder.events.size(), 4);
-    QCOMPARE(f.server.connections().size(), 1);
-    QCOMPARE(f.server.connections().first().target, listenTarget);
-    QCOMPARE(f.server.connections().first().header("Authorization"), QByteArray("Bearer eyJ0.abc-DEF_123"));
-    QCOMPARE(f.tokens.asked(), 1);
-
-    // A binary message from the service is ignored and the stream goes on listening.
-    f.server.sendBinary(0, QByteArray(16, '\x01'));
-    f.server.sendText(0, R"({"type":"Results","is_final":true,"channel":{"alternatives":[]}})");
-    QTRY_COMPARE(f.recorder.events.size(), 5);
-    QCOMPARE(f.recorder.events, (QStringList{"connected", "interim(tell me)", "final(tell me about it, end)",
-                                             "utteranceEnd", "final(, open)"}));
-    QVERIFY(!f.recorder.offMainThread);
-    f.stream->stop();
-}
-
-void TestDeepgramStream::sendsAudioAsGivenOnceTheSocketOpens() {
-    Fixture f;
-    f.tokens.hold = true;
-    f.stream->send("before start");
-    f.stream->start();
-    f.stream->send("waiting for the token");
-    QTRY_COMPARE(f.tokens.held.size(), 1);
-    f.tokens.held.takeFirst()(QStringLiteral("token"));
-    // The handshake has begun but has not completed.
-    f.stream->send("during the handshake");
-    QTRY_COMPARE(f.recorder.events, QStringList{"connected"});
-
-    // Every buffer in order and unchanged, from the capture's thread as in the program.
-    QByteArray large(64 * 1024, '\0');
-    for (qsizetype i = 0; i < large.size(); ++i) {
-        large[i] = static_cast<char>(i * 7);
+        const auto frames = [&rig] {  // a: audio, k: keep-alive
+            QString kinds;
+            for (const auto& frame : rig.connection(0).frames)
+                kinds += frame.binary ? u'a' : frame.payload == R"({"type":"KeepAlive"})" ? u'k' : u'?';
+            return kinds;
+        };
+        QTRY_VERIFY(frames().startsWith("kkk"));
+        // From the capture's thread, as in the program, every 20 ms: inside the idle threshold, across ticks.
+        QList<QByteArray> sent;
+        std::atomic<bool> done = false;
+        std::thread capture([&] {
+            for (int i = 0; i < 18; ++i, std::this_thread::sleep_for(20ms))
+                rig.stream->send(sent.emplaceBack(QByteArray::number(i)));
+            done = true;
+        });
+        QTRY_VERIFY(done);
+        capture.join();
+        QTRY_VERIFY2(QRegularExpression("^k+a{18}k$").match(frames()).hasMatch(), qPrintable(frames()));
+        QCOMPARE(rig.connection(0).binaries(), sent);
     }
-    QList<QByteArray> sent{"first", large, QByteArray(3200, '\0')};
-    for (int i = 0; i < 200; ++i) {
-        sent.append(QByteArray::number(i));
+
+    void failedAttemptsAreReportedOnceAndRetriedWithDoublingDelays_data() {
+        QTest::addColumn<QString>("breakage");
+        QTest::addColumn<Failure>("failure");  // the token provider's answer
+        QTest::addColumn<bool>("retried");
+
+        // Qt signals a refused connection twice.
+        QTest::newRow("connection refused") << "refused" << Failure::other({}) << true;
+        QTest::newRow("handshake never completes") << "silent handshake" << Failure::other({}) << true;
+        QTest::newRow("token: network error") << "token" << Failure(BackendError::network("Down.")) << true;
+        // Asking again cannot help until the owner starts over.
+        QTest::newRow("token: server error") << "token" << Failure(BackendError::server("Limit.")) << false;
+        QTest::newRow("token: signed out") << "token" << Failure(BackendError::signedOut()) << false;
     }
-    std::thread capture([&f, &sent] {
-        for (const QByteArray& buffer : sent) {
-            f.stream->send(buffer);
+
+    void failedAttemptsAreReportedOnceAndRetriedWithDoublingDelays() {
+        QFETCH(QString, breakage);
+        QFETCH(Failure, failure);
+        QFETCH(bool, retried);
+        const QString event = breakage == "token"
+                                  ? eventText(SpeechStream::Event::failed(failure.description()))
+                                  : reconnecting;
+
+        Rig rig(100ms);
+        const quint16 port = rig.server.port();
+        QTcpServer silent;  // accepts the connection and then says nothing
+        if (breakage == "refused")
+            rig.server.close();
+        if (breakage == "silent handshake" && silent.listen(QHostAddress::LocalHost))
+            rig.environment.set("TALLOWIND_STT_URL",
+                                "ws://127.0.0.1:" + QByteArray::number(silent.serverPort()));
+        if (breakage == "token")
+            rig.answers = {failure};
+        rig.stream->start();
+        if (!retried) {
+            QTest::qWait(20 * unit.count());
+            QCOMPARE(rig.events, QStringList{event});
+            QCOMPARE(rig.askedAt.size(), 1);
+            return;
         }
-    });
-    capture.join();
-    QTRY_COMPARE(f.server.connections().first().binaries().size(), sent.size());
-    QCOMPARE(f.server.connections().first().binaries(), sent);
-    f.stream->stop();
-}
+        QTRY_VERIFY_WITH_TIMEOUT(rig.askedAt.size() >= 7, 10'000);
+        const QList<std::uint64_t> delays{1, 2, 4, 8, 16, 16};
+        QCOMPARE(rig.retryDelays.first(delays.size()), delays);
+        for (qsizetype i = 0; i < delays.size(); ++i)
+            QVERIFY(rig.askedAt[i + 1] - rig.askedAt[i] >= qint64(delays[i]) * unit.count());
 
-void TestDeepgramStream::keepsAnIdleConnectionAlive() {
-    DeepgramStream::Timing timing = fastTiming();
-    timing.idleThreshold = 250ms;
-    Fixture f(timing);
-    f.stream->start();
-    QTRY_COMPARE(f.recorder.events, QStringList{"connected"});
-    const auto& connection = f.server.connections().first();
-    // No audio since creation: ticks go on sending, since a keep-alive is not audio.
-    QTRY_VERIFY(connection.texts().count(keepAlive) >= 3);
-    QCOMPARE(connection.texts().count(keepAlive), connection.texts().size());
-
-    // Audio every 20 ms, well inside the idle threshold, across many ticks: no keep-alive among it.
-    for (int i = 0; i < 18; ++i) {
-        f.stream->send("audio");
-        QTest::qWait(20);
+        rig.answers = {QStringLiteral("fresh")};
+        if (breakage == "refused")
+            QVERIFY(rig.server.listen(port));
+        rig.environment.set("TALLOWIND_STT_URL", rig.server.url().toEncoded());
+        QTRY_COMPARE(rig.events.last(), "connected()");
+        QCOMPARE(rig.events.count(event), rig.askedAt.size() - 1);
+        QCOMPARE(rig.server.connections().last().header("Authorization"), "Bearer fresh");
+        QCOMPARE(rig.stream->retryDelay(), 1u);
     }
-    QTRY_COMPARE(connection.binaries().size(), 18);
-    const auto isAudio = [](const TestWebSocketServer::Frame& frame) { return frame.binary; };
-    const auto firstAudio = std::find_if(connection.frames.begin(), connection.frames.end(), isAudio);
-    const auto lastAudio = std::find_if(connection.frames.rbegin(), connection.frames.rend(), isAudio).base();
-    QVERIFY(std::all_of(firstAudio, lastAudio, isAudio));
-    // Once the audio stops, the keep-alives start again.
-    QTRY_VERIFY(!connection.frames.last().binary);
-    QCOMPARE(connection.frames.last().payload, keepAlive.toUtf8());
-    f.stream->stop();
-}
 
-void TestDeepgramStream::stopClosesWithCloseStreamAndNormalCode() {
-    Fixture f;
-    f.stream->start();
-    QTRY_COMPARE(f.recorder.events, QStringList{"connected"});
-    f.stream->send("audio");
-    QTRY_COMPARE(f.server.connections().first().binaries().size(), 1);
-
-    f.stream->stop();
-    f.stream->send("after stop");
-    QTRY_VERIFY(!f.server.connections().first().open);
-    const auto& connection = f.server.connections().first();
-    QCOMPARE(connection.closeCode, std::optional<int>(1000));
-    QVERIFY(!connection.texts().isEmpty());
-    QCOMPARE(connection.texts().last(), closeStream);
-    QCOMPARE(connection.binaries().size(), 1);
-
-    // Longer than several retry waits: the closing socket reports nothing and nothing reconnects.
-    QTest::qWait(20 * unit.count());
-    QCOMPARE(f.recorder.events, QStringList{"connected"});
-    QCOMPARE(f.server.connections().size(), 1);
-    QCOMPARE(f.tokens.asked(), 1);
-}
-
-void TestDeepgramStream::reconnectsAfterTheServerDropsTheConnection() {
-    Fixture f;
-    f.tokens.answers = {QStringLiteral("first"), QStringLiteral("second")};
-    f.stream->start();
-    QTRY_COMPARE(f.recorder.events, QStringList{"connected"});
-
-    f.server.drop(0);
-    QTRY_COMPARE(f.recorder.events.size(), 3);
-    QCOMPARE(f.recorder.events, (QStringList{"connected", "failed(" + reconnecting + ")", "connected"}));
-    QCOMPARE(f.server.connections().size(), 2);
-    // A fresh token for every attempt.
-    QCOMPARE(f.server.connections().at(1).header("authorization"), QByteArray("Bearer second"));
-    QCOMPARE(f.tokens.asked(), 2);
-    QCOMPARE(f.recorder.retryDelays, QList<std::uint64_t>{1});
-    QCOMPARE(f.server.connections().first().closeCode, std::nullopt);
-
-    f.stream->send("after reconnecting");
-    QTRY_COMPARE(f.server.connections().at(1).binaries(), QList<QByteArray>{"after reconnecting"});
-    f.stream->stop();
-}
-
-void TestDeepgramStream::refusedAttemptsAreReportedOnceAndResetTheDelay() {
-    Fixture f;
-    const quint16 port = f.server.port();
-    f.server.close();
-    f.stream->start();
-
-    QTRY_VERIFY(f.stream->retryDelay() >= 8);
-    f.server.listen(port);
-    QTRY_VERIFY(f.recorder.events.contains("connected"));
-    // Every refused attempt is reported exactly once, although Qt signals it twice.
-    QCOMPARE(f.recorder.count("failed(" + reconnecting + ")"), f.tokens.asked() - 1);
-    QCOMPARE(f.recorder.events.last(), QStringLiteral("connected"));
-    // An open socket starts the doubling over.
-    QCOMPARE(f.stream->retryDelay(), 1u);
-    const qsizetype failuresBefore = f.recorder.retryDelays.size();
-    f.server.drop(0);
-    QTRY_COMPARE(f.server.connections().size(), 2);
-    QCOMPARE(f.recorder.retryDelays.mid(failuresBefore), QList<std::uint64_t>{1});
-    f.stream->stop();
-}
-
-void TestDeepgramStream::giveUpOnAHandshakeThatNeverCompletes() {
-    // Accepts the TCP connection and then says nothing.
-    QTcpServer silent;
-    QVERIFY(silent.listen(QHostAddress::LocalHost));
-    DeepgramStream::Timing timing = fastTiming();
-    timing.handshakeTimeout = 100ms;
-    Fixture f(timing);
-    f.environment.set("TALLOWIND_STT_URL", "ws://127.0.0.1:" + QByteArray::number(silent.serverPort()));
-    f.stream->start();
-
-    QTRY_VERIFY(f.tokens.asked() >= 2);
-    QCOMPARE(f.recorder.events.first(), "failed(" + reconnecting + ")");
-    QVERIFY(!f.recorder.events.contains("connected"));
-    f.stream->stop();
-}
-
-void TestDeepgramStream::tokenFailures_data() {
-    QTest::addColumn<Failure>("failure");
-    QTest::addColumn<QString>("message");
-    QTest::addColumn<bool>("retried");
-
-    QTest::newRow("network error") << Failure(BackendError::network("The network is down."))
-                                   << "The network is down." << true;
-    QTest::newRow("another failure") << Failure::other("Something else went wrong.")
-                                     << "Something else went wrong." << true;
-    QTest::newRow("server error") << Failure(BackendError::server("Minute limit reached."))
-                                  << "Minute limit reached." << false;
-    QTest::newRow("signed out") << Failure(BackendError::signedOut()) << "Please sign in again." << false;
-}
-
-void TestDeepgramStream::tokenFailures() {
-    QFETCH(Failure, failure);
-    QFETCH(QString, message);
-    QFETCH(bool, retried);
-
-    Fixture f;
-    f.tokens.answers = {failure};
-    f.stream->start();
-    QTRY_COMPARE(f.recorder.events.size(), 1);
-    QCOMPARE(f.recorder.events.first(), "failed(" + message + ")");
-
-    if (retried) {
-        QTRY_VERIFY(f.tokens.asked() >= 3);
-        QCOMPARE(f.recorder.count("failed(" + message + ")"), f.recorder.events.size());
-    } else {
-        // Long past the first retry waits.
+    void stopClosesWithCloseStreamAndAStartLeavesTheOldSocketSilent() {
+        Rig rig;
+        rig.stream->start();
+        QTRY_COMPARE(rig.events, QStringList{"connected()"});
+        rig.stream->send("audio");
+        QTRY_COMPARE(rig.connection(0).binaries().size(), 1);
+        rig.stream->stop();
+        rig.stream->send("after stop");
+        // CloseStream lets the service send its last results.
+        QTRY_VERIFY(!rig.connection(0).open);
+        QCOMPARE(rig.connection(0).closeCode, 1000);
+        QVERIFY(rig.connection(0).texts().endsWith(R"({"type":"CloseStream"})"));
+        QCOMPARE(rig.connection(0).binaries(), QList<QByteArray>{"audio"});
+        // Started again after stop, then while running: an old socket's end is no broken connection.
+        rig.stream->start();
+        QTRY_COMPARE(rig.events.size(), 2);
+        rig.stream->start();
+        QTRY_VERIFY(!rig.connection(1).open);
+        QTRY_COMPARE(rig.events.size(), 3);
         QTest::qWait(20 * unit.count());
-        QCOMPARE(f.tokens.asked(), 1);
-        QCOMPARE(f.recorder.events.size(), 1);
+        QCOMPARE(rig.events, (QStringList{"connected()", "connected()", "connected()"}));
+        QCOMPARE(rig.server.openConnections(), 1);
+        rig.stream->send("again");
+        QTRY_COMPARE(rig.connection(2).binaries(), QList<QByteArray>{"again"});
     }
-    QVERIFY(f.server.connections().isEmpty());
-    f.stream->stop();
-}
-
-void TestDeepgramStream::retryDelaysDoubleUpToSixteen() {
-    Fixture f;
-    f.tokens.answers = {BackendError::network("offline")};
-    f.stream->start();
-    QTRY_VERIFY_WITH_TIMEOUT(f.tokens.asked() >= 8, 10000);
-    f.stream->stop();
-
-    const QList<std::uint64_t> expected{1, 2, 4, 8, 16, 16, 16};
-    QCOMPARE(f.recorder.retryDelays.mid(0, expected.size()), expected);
-    // Each attempt comes no sooner than the delay before it.
-    for (qsizetype i = 0; i < expected.size(); ++i) {
-        const qint64 gap = f.tokens.askedAt[i + 1] - f.tokens.askedAt[i];
-        QVERIFY2(gap >= qint64(expected[i]) * unit.count(),
-                 qPrintable(QStringLiteral("attempt %1 came after %2 ms").arg(i + 2).arg(gap)));
-    }
-}
-
-void TestDeepgramStream::stopWhileWaitingOpensNothing_data() {
-    QTest::addColumn<bool>("tokenHeld");
-    QTest::addColumn<int>("events");
-    QTest::addColumn<int>("retryDelay");
-
-    QTest::newRow("stop during a retry wait: the wait counts as over, its doubling stands")
-        << false << 1 << 2;
-    QTest::newRow("a token arriving after stop") << true << 0 << 1;
-}
-
-void TestDeepgramStream::stopWhileWaitingOpensNothing() {
-    QFETCH(bool, tokenHeld);
-    QFETCH(int, events);
-    QFETCH(int, retryDelay);
-
-    DeepgramStream::Timing timing = fastTiming();
-    timing.second = 100ms;
-    Fixture f(timing);
-    f.tokens.hold = tokenHeld;
-    f.tokens.answers = {BackendError::network("offline"), QStringLiteral("token")};
-    f.stream->start();
-    if (tokenHeld) {
-        QCOMPARE(f.tokens.held.size(), 1);
-        f.stream->stop();
-        f.tokens.held.takeFirst()(QStringLiteral("late"));
-    } else {
-        QTRY_COMPARE(f.recorder.events.size(), 1);
-        f.stream->stop();
-    }
-
-    QTest::qWait(300);
-    QCOMPARE(f.tokens.asked(), 1);
-    QVERIFY(f.server.connections().isEmpty());
-    QCOMPARE(f.recorder.events.size(), events);
-    QCOMPARE(f.stream->retryDelay(), std::uint64_t(retryDelay));
-}
-
-void TestDeepgramStream::startAgain_data() {
-    QTest::addColumn<bool>("stopFirst");
-    QTest::newRow("after stop") << true;
-    // The first socket is closed by the stream itself, and its end is not taken for a broken connection.
-    QTest::newRow("while running: the replaced socket falls silent") << false;
-}
-
-void TestDeepgramStream::startAgain() {
-    QFETCH(bool, stopFirst);
-
-    Fixture f;
-    f.stream->start();
-    QTRY_COMPARE(f.recorder.events, QStringList{"connected"});
-    if (stopFirst) {
-        f.stream->stop();
-    }
-    f.stream->start();
-    QTRY_COMPARE(f.recorder.events, (QStringList{"connected", "connected"}));
-    QTRY_VERIFY(!f.server.connections().first().open);
-    QTest::qWait(20 * unit.count());
-    QCOMPARE(f.recorder.events, (QStringList{"connected", "connected"}));
-    QCOMPARE(f.server.connections().size(), 2);
-    QCOMPARE(f.server.openConnections(), 1);
-    f.stream->send("again");
-    QTRY_COMPARE(f.server.connections().at(1).binaries(), QList<QByteArray>{"again"});
-    f.stream->stop();
-}
+};
 
 QTEST_GUILESS_MAIN(TestDeepgramStream)
 #include "tst_deepgramstream.moc"
