@@ -32,13 +32,14 @@ struct Shell {
         delegate->launch();
     }
 
-    QStringList menuTitles() {
+    // The tray menu's titles as it opens, separators empty.
+    QString menu() {
         emit delegate->statusMenu().aboutToShow();
         QStringList titles;
         for (QAction* action : delegate->statusMenu().actions()) {
             titles << action->text();
         }
-        return titles;
+        return titles.join('|');
     }
 };
 
@@ -52,21 +53,13 @@ private slots:
         Shell shell;
         QVERIFY(shell.delegate->overlay().isVisible());
         QVERIFY(!shell.delegate->onboardingWindow());
-        const auto menu = [](const char* listening, const char* overlay) {
-            return QStringList{QString::fromUtf8(listening),
-                               "Answer Now    Ctrl+Alt+Enter",
-                               QString::fromUtf8(overlay),
-                               {},
-                               "Settings…",
-                               "Check for Updates…",
-                               "Sign Out",
-                               {},
-                               "Quit Tallowind"};
-        };
-        QCOMPARE(shell.menuTitles(), menu("Start Listening    Ctrl+Alt+S", "Hide Overlay    Ctrl+Alt+Space"));
+        QCOMPARE(shell.menu(),
+                 u"Start Listening    Ctrl+Alt+S|Answer Now    Ctrl+Alt+Enter|Hide Overlay    "
+                 u"Ctrl+Alt+Space||Settings…|Check for Updates…|Sign Out||Quit Tallowind");
         shell.fake.listen();
         shell.delegate->toggleOverlay();
-        QCOMPARE(shell.menuTitles(), menu("Stop Listening    Ctrl+Alt+S", "Show Overlay    Ctrl+Alt+Space"));
+        QVERIFY(shell.menu().startsWith(
+            u"Stop Listening    Ctrl+Alt+S|Answer Now    Ctrl+Alt+Enter|Show Overlay"));
     }
 
     void signingOutStopsTheSessionBeforeTheServerHearsOfItAndEndsInOnboarding() {
@@ -90,7 +83,7 @@ private slots:
         QVERIFY(!::isSignedIn());
         QCOMPARE(shell.fake.settings().resume(), QStringLiteral("Ten years of billing systems."));
         QVERIFY(shell.delegate->isRegular());
-        QCOMPARE(shell.menuTitles()[6], QStringLiteral("Sign In…"));
+        QVERIFY(shell.menu().contains(u"|Sign In…|"));
     }
 
     void theProgramLeavesTheTaskbarOnlyWhenItsLastWindowCloses() {

@@ -7,7 +7,6 @@
 #include <QDBusMessage>
 #include <QDBusObjectPath>
 #include <QDBusVirtualObject>
-#include <QSignalSpy>
 #include <QTest>
 
 namespace {
@@ -24,7 +23,6 @@ public:
             granted.insert(shortcut.keys, id);
         }
     }
-    using HotKeyBackend::setAvailable;
     QHash<QString, quint32> granted;
 };
 
@@ -87,15 +85,6 @@ private slots:
         }
         QVERIFY(runs.isEmpty());
         QTRY_COMPARE(runs, (QList<int>{5, 3, 2, 4}));
-
-        QSignalSpy changed(&hotKeys, &HotKeys::availableChanged);
-        QVERIFY(!hotKeys.isAvailable());
-        backend->setAvailable(true);
-        QCOMPARE(changed.count(), 1);
-        QVERIFY(hotKeys.isAvailable());
-        HotKeys withoutService(nullptr);
-        withoutService.registerShortcut(Shortcuts::all()[0], [] {});
-        QVERIFY(!withoutService.isAvailable());
     }
 
     void waylandUsesThePortalEvenWithWindowsOnXWayland() {
