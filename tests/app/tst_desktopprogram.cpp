@@ -15,21 +15,17 @@ class TestDesktopProgram : public QObject {
     // service receives was metered) and spins the event loop until xdotool finds `window`.
     static bool start(QProcess& program, const TestHome& home, const LoopbackServices& services,
                       bool onboarded, const QString& window) {
-        QSettings settings(home.configPath() + QStringLiteral("/Tallowind/settings.ini"),
-                           QSettings::IniFormat);
-        settings.setValue(QStringLiteral("onboarded"), onboarded);
-        settings.setValue(QStringLiteral("useMic"), false);
+        QSettings settings(home.configPath() + "/Tallowind/settings.ini", QSettings::IniFormat);
+        settings.setValue("onboarded", onboarded);
+        settings.setValue("useMic", false);
         settings.sync();
         QProcessEnvironment environment = services.environment();
-        environment.insert(QStringLiteral("XDG_CONFIG_HOME"), home.configPath());
-        environment.insert(QStringLiteral("XDG_RUNTIME_DIR"), home.path() + QStringLiteral("/run"));
+        environment.insert("XDG_CONFIG_HOME", home.configPath());
+        environment.insert("XDG_RUNTIME_DIR", home.path() + "/run");
         program.setProcessEnvironment(environment);
         program.start(tallowindBinary(), {});
-        return QTest::qWaitFor(
-            [&] {
-                return QProcess::execute("xdotool", {"search", "--name", window}) == 0;
-            },
-            10'000);
+        const QStringList search{"search", "--name", window};
+        return QTest::qWaitFor([&] { return QProcess::execute("xdotool", search) == 0; }, 10'000);
     }
 
     static bool endsCleanly(QProcess& program) {
