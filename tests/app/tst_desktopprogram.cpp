@@ -25,7 +25,7 @@ class TestDesktopProgram : public QObject {
         program.setProcessEnvironment(environment);
         program.start(tallowindBinary(), {});
         const QStringList search{"search", "--name", window};
-        return QTest::qWaitFor([&] { return QProcess::execute("xdotool", search) == 0; }, 10'000);
+        return QTest::qWaitFor([&] { return QProcess::execute("xdotool", search) == 0; }, 30'000);
     }
 
     static bool endsCleanly(QProcess& program) {
