@@ -2,43 +2,30 @@
 
 #include <QTimer>
 
-namespace {
-
-// What the speech service says when it hears the interviewer finish a question.
-QString heardQuestion() {
-    return QStringLiteral(
-        R"({"type":"Results","is_final":true,"speech_final":true,)"
-        R"("channel":{"alternatives":[{"transcript":"What is a project you are proud of?"}]}})");
-}
-
-}  // namespace
-
 LoopbackServices::LoopbackServices() {
     backend_.listen();
     speech_.listen();
     backend_.setHandler([](const TestHttpServer::Received& request) {
         const QByteArray path = request.target.split('?').first();
-        if (path == "/stt-token") {
-            return TestHttpServer::Response::json(200, R"({"token":"speech-token"})");
-        }
-        if (path == "/me") {
-            return TestHttpServer::Response::json(
-                200, R"({"email":"me@example.org","minutesUsed":12,"minutesLimit":600})");
-        }
         if (path == "/answer") {
             return TestHttpServer::Response::stream(
                 {{"data: {\"type\":\"text\",\"text\":\"I led the rewrite of our billing system.\"}\n", 0},
                  {"data: {\"type\":\"text\",\"text\":\" It cut our invoice errors by half.\"}\n", 20}});
         }
-        return TestHttpServer::Response::json(200, "{}");
+        return TestHttpServer::Response::json(
+            200, path == "/stt-token" ? R"({"token":"speech-token"})"
+                 : path == "/me"      ? R"({"email":"me@example.org","minutesUsed":12,"minutesLimit":600})"
+                                      : "{}");
     });
-    // Every open speech connection hears a question every few seconds, so that a long run also keeps
-    // the transcript and the answers busy.
+    // A long run keeps the transcript and the answers busy.
     auto* questions = new QTimer(&speech_);
     QObject::connect(questions, &QTimer::timeout, &speech_, [this] {
         for (int index = 0; index < speech_.connections().size(); ++index) {
             if (speech_.connections()[index].open) {
-                speech_.sendText(index, heardQuestion());
+                speech_.sendText(index,
+                                 QStringLiteral(R"({"type":"Results","is_final":true,"speech_final":true,)"
+                                                R"("channel":{"alternatives":[{"transcript":)"
+                                                R"("What is a project you are proud of?"}]}})"));
             }
         }
     });

@@ -1,11 +1,10 @@
 #include "appdelegate.h"
-#include "appsettings.h"
 #include "backendclient.h"
+#include "fakesession.h"
 #include "keychain.h"
-#include "loopbackservices.h"
 #include "overlaypanel.h"
-#include "sessionfakes.h"
 #include "testenvironment.h"
+#include "testhttpserver.h"
 
 #include <QAction>
 #include <QMenu>
@@ -17,48 +16,30 @@ namespace {
 // of its own with a stored sign-in.
 struct Shell {
     TestHome home;
-    LoopbackServices services;
-    AppSettings settings{home.configPath() + QStringLiteral("/Tallowind/settings.ini")};
-    FakeStreams streams;
-    std::shared_ptr<FakeCapture::Record> system = std::make_shared<FakeCapture::Record>();
-    std::unique_ptr<SessionController> session;
+    TestHttpServer server;
+    FakeSession fake;
     BackendClient backend;
     std::unique_ptr<AppDelegate> delegate;
 
     Shell() {
-        home.environment().set("TALLOWIND_SERVER", services.backend().url().toString().toUtf8());
+        server.listen();
+        server.respondWith(TestHttpServer::Response::json(200, "{}"));
+        home.environment().set("TALLOWIND_SERVER", server.url().toString().toUtf8());
         Keychain::save(QStringLiteral("session-token"));
-        settings.setOnboarded(true);
-        settings.setEmail(QStringLiteral("me@example.org"));
-        settings.setResume(QStringLiteral("Ten years of billing systems."));
-        SessionController::Parts parts;
-        parts.settings = &settings;
-        parts.backend = std::make_unique<FakeBackend>(std::make_shared<FakeBackend::Record>());
-        parts.makeStream = streams.factory();
-        parts.systemCapture = std::make_unique<FakeCapture>(system);
-        parts.micCapture = std::make_unique<FakeCapture>(std::make_shared<FakeCapture::Record>());
-        parts.microphoneAccess =
-            std::make_unique<FakeMicrophoneAccess>(std::make_shared<FakeMicrophoneAccess::Record>());
-        parts.clock = std::make_unique<ManualClock>(std::make_shared<ManualClock::Record>());
-        session = std::make_unique<SessionController>(std::move(parts));
-        delegate = std::make_unique<AppDelegate>(*session, settings, backend);
+        fake.settings().setOnboarded(true);
+        fake.settings().setResume(QStringLiteral("Ten years of billing systems."));
+        delegate = std::make_unique<AppDelegate>(fake.session(), fake.settings(), backend);
         delegate->launch();
     }
 
-    void listen() {
-        session->start();
-        FakeCapture::finishStart(*system, Done{});
-    }
-
-    QStringList menuTitles() {
+    // The tray menu's titles as it opens, separators empty.
+    QString menu() {
         emit delegate->statusMenu().aboutToShow();
         QStringList titles;
         for (QAction* action : delegate->statusMenu().actions()) {
-            if (!action->isSeparator()) {
-                titles << action->text();
-            }
+            titles << action->text();
         }
-        return titles;
+        return titles.join('|');
     }
 };
 
@@ -72,29 +53,24 @@ private slots:
         Shell shell;
         QVERIFY(shell.delegate->overlay().isVisible());
         QVERIFY(!shell.delegate->onboardingWindow());
-        QCOMPARE(shell.menuTitles().first(), QStringLiteral("Start Listening    Ctrl+Alt+S"));
-
-        shell.delegate->toggleListening();
-        FakeCapture::finishStart(*shell.system, Done{});
+        QCOMPARE(shell.menu(),
+                 u"Start Listening    Ctrl+Alt+S|Answer Now    Ctrl+Alt+Enter|Hide Overlay    "
+                 u"Ctrl+Alt+Space||Settings…|Check for Updates…|Sign Out||Quit Tallowind");
+        shell.fake.listen();
         shell.delegate->toggleOverlay();
-        const QStringList titles = shell.menuTitles();
-        QCOMPARE(titles[0], QStringLiteral("Stop Listening    Ctrl+Alt+S"));
-        QCOMPARE(titles[2], QStringLiteral("Show Overlay    Ctrl+Alt+Space"));
-        QCOMPARE(titles[5], QStringLiteral("Sign Out"));
+        QVERIFY(shell.menu().startsWith(
+            u"Stop Listening    Ctrl+Alt+S|Answer Now    Ctrl+Alt+Enter|Show Overlay"));
     }
 
     void signingOutStopsTheSessionBeforeTheServerHearsOfItAndEndsInOnboarding() {
         Shell shell;
-        shell.listen();
-        QVERIFY(shell.session->isRunning());
+        shell.fake.listen();
         QStringList steps;
-        QObject::connect(shell.session.get(), &SessionController::isRunningChanged, [&] {
-            if (!shell.session->isRunning()) {
-                steps << QStringLiteral("session stopped");
-            }
-        });
-        QObject::connect(&shell.services.backend(), &TestHttpServer::requestReceived, [&] {
-            if (shell.services.backend().received().last().target == "/auth/signout") {
+        QObject::connect(&shell.fake.session(), &SessionController::isRunningChanged,
+                         [&] { steps << QStringLiteral("session stopped"); });
+        // The update check asks the same server for its releases.
+        QObject::connect(&shell.server, &TestHttpServer::requestReceived, [&] {
+            if (shell.server.received().last().target == "/auth/signout") {
                 steps << QStringLiteral("server told");
             }
         });
@@ -103,11 +79,11 @@ private slots:
         QTRY_VERIFY(shell.delegate->onboardingWindow() && shell.delegate->onboardingWindow()->isVisible());
         QCOMPARE(steps, QStringList({QStringLiteral("session stopped"), QStringLiteral("server told")}));
         QVERIFY(!shell.delegate->overlay().isVisible());
-        QVERIFY(!shell.settings.onboarded());
+        QVERIFY(!shell.fake.settings().onboarded());
         QVERIFY(!::isSignedIn());
-        QCOMPARE(shell.settings.email(), QStringLiteral("me@example.org"));
-        QCOMPARE(shell.settings.resume(), QStringLiteral("Ten years of billing systems."));
+        QCOMPARE(shell.fake.settings().resume(), QStringLiteral("Ten years of billing systems."));
         QVERIFY(shell.delegate->isRegular());
+        QVERIFY(shell.menu().contains(u"|Sign In…|"));
     }
 
     void theProgramLeavesTheTaskbarOnlyWhenItsLastWindowCloses() {
@@ -123,7 +99,7 @@ private slots:
         QWidget* settings = shell.delegate->settingsWindow();
         shell.delegate->showSettings();
         QCOMPARE(shell.delegate->settingsWindow(), settings);
-        QVERIFY(settings->isVisible());
+        QVERIFY(settings->isVisible() && shell.delegate->isRegular());
     }
 };
 

@@ -2,47 +2,64 @@
 #include "hotkeys.h"
 #include "shortcuts.h"
 
-#include <QSignalSpy>
+#include <QDBusArgument>
+#include <QDBusConnection>
+#include <QDBusMessage>
+#include <QDBusObjectPath>
+#include <QDBusVirtualObject>
 #include <QTest>
 
 namespace {
 
-// Stands in for the desktop's shortcut service: grants every combination but the refused ones, and
-// delivers presses of granted combinations only.
+const QString portalService = "org.freedesktop.portal.Desktop";
+const QString portalPath = "/org/freedesktop/portal/desktop";
+const QString shortcutsInterface = "org.freedesktop.portal.GlobalShortcuts";
+
+// Stands in for the desktop's shortcut service: grants every combination but Ctrl+Alt+S.
 class FakeBackend : public HotKeyBackend {
 public:
     void grab(quint32 id, const Shortcuts::Shortcut& shortcut) override {
-        asked.append(id);
-        if (!refused.contains(shortcut.keys)) {
+        if (shortcut.keys != QLatin1String("Ctrl+Alt+S")) {
             granted.insert(shortcut.keys, id);
         }
     }
-    void press(const QString& keys) {
-        if (granted.contains(keys)) {
-            emit pressed(granted.value(keys));
-        }
-    }
-    using HotKeyBackend::setAvailable;
-
-    QStringList refused;
-    QList<quint32> asked;
     QHash<QString, quint32> granted;
 };
 
-// The five shortcuts registered in order over a fake desktop; action n records n.
-struct Registry {
-    explicit Registry(const QStringList& refused = {}) : backend(new FakeBackend) {
-        backend->refused = refused;
-        hotKeys = std::make_unique<HotKeys>(std::unique_ptr<HotKeyBackend>(backend));
-        int number = 0;
-        for (const auto& shortcut : Shortcuts::all()) {
-            hotKeys->registerShortcut(shortcut, [this, n = ++number] { runs.append(n); });
-        }
-    }
+// The desktop's GlobalShortcuts portal on the test's session bus: like the real one it answers each call
+// with a Response signal on the request's object, here with the responses it is told to give.
+class FakePortal : public QDBusVirtualObject {
+public:
+    FakePortal(uint sessionResponse, uint bindResponse) : responses_{sessionResponse, bindResponse} {}
 
-    FakeBackend* backend;
-    std::unique_ptr<HotKeys> hotKeys;
-    QList<int> runs;
+    bool handleMessage(const QDBusMessage& message, const QDBusConnection& connection) override {
+        const auto options = qdbus_cast<QVariantMap>(message.arguments().last());
+        const QString sender = message.service().mid(1).replace('.', '_');
+        const auto objectPath = [&](const QString& kind, const char* tokenKey) {
+            return QStringList{portalPath, kind, sender, options.value(tokenKey).toString()}.join('/');
+        };
+        QVariantMap results;
+        const bool creates = message.member() == "CreateSession";
+        if (creates) {
+            session = objectPath("session", "session_handle_token");
+            results.insert("session_handle", session);
+        } else if (message.member() != "BindShortcuts") {
+            return false;
+        }
+        const QString request = objectPath("request", "handle_token");
+        connection.send(message.createReply(QVariant::fromValue(QDBusObjectPath(request))));
+        connection.send(QDBusMessage::createSignal(request, "org.freedesktop.portal.Request", "Response")
+                        << responses_[creates ? 0 : 1] << results);
+        ++answered;
+        return true;
+    }
+    QString introspect(const QString&) const override { return {}; }
+
+    QString session;
+    int answered = 0;
+
+private:
+    uint responses_[2];
 };
 
 }  // namespace
@@ -51,61 +68,70 @@ class TestHotKeys : public QObject {
     Q_OBJECT
 
 private slots:
-    void eachPressRunsOnlyItsOwnAction_data() {
-        QTest::addColumn<QStringList>("refused");
-        QTest::addColumn<QStringList>("presses");
-        QTest::addColumn<QList<int>>("runs");
-
-        QTest::newRow("Ctrl+Alt+K runs the fourth action only")
-            << QStringList{} << QStringList{"Ctrl+Alt+K"} << QList<int>{4};
-        QTest::newRow("presses run their actions in the order pressed")
-            << QStringList{} << QStringList{"Ctrl+Alt+X", "Ctrl+Alt+S", "Ctrl+Alt+Space", "Ctrl+Alt+Enter"}
-            << QList<int>{5, 1, 3, 2};
-        QTest::newRow("a refused Ctrl+Alt+X leaves the other four working")
-            << QStringList{"Ctrl+Alt+X"}
-            << QStringList{"Ctrl+Alt+X", "Ctrl+Alt+S", "Ctrl+Alt+Enter", "Ctrl+Alt+Space", "Ctrl+Alt+K"}
-            << QList<int>{1, 2, 3, 4};
-    }
-    void eachPressRunsOnlyItsOwnAction() {
-        QFETCH(QStringList, refused);
-        QFETCH(QStringList, presses);
-        QFETCH(QList<int>, runs);
-
-        Registry registry(refused);
-        // A refused registration still takes its id: ids follow the calls, not the grants.
-        QCOMPARE(registry.backend->asked, (QList<quint32>{1, 2, 3, 4, 5}));
-        for (const auto& keys : presses) {
-            registry.backend->press(keys);
+    void eachPressRunsItsOwnActionOnceTheKeyHandlerHasReturned() {
+        auto* backend = new FakeBackend;
+        HotKeys hotKeys{std::unique_ptr<HotKeyBackend>(backend)};
+        QList<int> runs;
+        int number = 0;
+        for (const auto& shortcut : Shortcuts::all()) {
+            hotKeys.registerShortcut(shortcut, [&runs, n = ++number] { runs.append(n); });
         }
-        QTRY_COMPARE(registry.runs, runs);
-    }
-
-    void theActionRunsOnlyAfterTheKeyHandlerHasReturned() {
-        Registry registry;
+        // A refused registration still takes its id: ids follow the calls, not the grants.
+        QCOMPARE(backend->granted.value("Ctrl+Alt+K"), 4u);
         // An id that no registration has (a press whose identity could not be read) runs nothing.
-        emit registry.backend->pressed(0);
-        registry.backend->press(QStringLiteral("Ctrl+Alt+K"));
-        QVERIFY(registry.runs.isEmpty());
-        QTRY_COMPARE(registry.runs, QList<int>{4});
-    }
-
-    void availabilityFollowsTheDesktopsService() {
-        Registry registry;
-        QSignalSpy changed(registry.hotKeys.get(), &HotKeys::availableChanged);
-        QVERIFY(!registry.hotKeys->isAvailable());
-        registry.backend->setAvailable(true);
-        QCOMPARE(changed.count(), 1);
-        QVERIFY(registry.hotKeys->isAvailable());
-
-        HotKeys withoutService(nullptr);
-        withoutService.registerShortcut(Shortcuts::all()[0], [] {});
-        QVERIFY(!withoutService.isAvailable());
+        emit backend->pressed(0);
+        for (const char* keys : {"Ctrl+Alt+X", "Ctrl+Alt+Space", "Ctrl+Alt+Enter", "Ctrl+Alt+K"}) {
+            emit backend->pressed(backend->granted.value(keys));
+        }
+        QVERIFY(runs.isEmpty());
+        QTRY_COMPARE(runs, (QList<int>{5, 3, 2, 4}));
     }
 
     void waylandUsesThePortalEvenWithWindowsOnXWayland() {
         QCOMPARE(HotKeys::serviceFor("wayland", "xcb"), HotKeys::Service::portal);
         QCOMPARE(HotKeys::serviceFor("tty", "xcb"), HotKeys::Service::x11);
         QCOMPARE(HotKeys::serviceFor("x11", "offscreen"), HotKeys::Service::none);
+    }
+
+    void thePortalBindsTheFiveAndDeliversTheirPresses_data() {
+        QTest::addColumn<uint>("sessionResponse");
+        QTest::addColumn<uint>("bindResponse");
+        QTest::newRow("a granted bind makes the activation of clear-answer run the fourth action")
+            << 0u << 0u;
+        QTest::newRow("a cancelled bind leaves every shortcut inert") << 0u << 1u;
+        QTest::newRow("a refused session binds nothing and leaves every shortcut inert") << 2u << 0u;
+    }
+    void thePortalBindsTheFiveAndDeliversTheirPresses() {
+        QFETCH(uint, sessionResponse);
+        QFETCH(uint, bindResponse);
+        if (!QDBusConnection::sessionBus().isConnected()) {
+            QSKIP("needs the session bus of scripts/with-test-services.sh");
+        }
+        const bool binds = sessionResponse == 0;
+        const bool works = binds && bindResponse == 0;
+        FakePortal portal(sessionResponse, bindResponse);
+        auto bus = QDBusConnection::connectToBus(QDBusConnection::SessionBus, "fake-portal");
+        QVERIFY(bus.registerVirtualObject(portalPath, &portal));
+        QVERIFY(bus.registerService(portalService));
+        const auto unregister = qScopeGuard([&] {
+            bus.unregisterObject(portalPath);
+            bus.unregisterService(portalService);
+            QDBusConnection::disconnectFromBus("fake-portal");
+        });
+
+        HotKeys hotKeys(makePortalHotKeyBackend(QDBusConnection::sessionBus()));
+        QList<int> runs;
+        int number = 0;
+        for (const auto& shortcut : Shortcuts::all()) {
+            hotKeys.registerShortcut(shortcut, [&runs, n = ++number] { runs.append(n); });
+        }
+        QTRY_COMPARE(portal.answered, binds ? 2 : 1);
+        QTRY_COMPARE(hotKeys.isAvailable(), works);
+        bus.send(QDBusMessage::createSignal(portalPath, shortcutsInterface, "Activated")
+                 << QVariant::fromValue(QDBusObjectPath(portal.session)) << QStringLiteral("clear-answer")
+                 << qulonglong(1000) << QVariantMap());
+        QTest::qWait(200);
+        QCOMPARE(runs, works ? QList<int>{4} : QList<int>());
     }
 };
 

@@ -2,8 +2,6 @@
 #include "pulseserver.h"
 #include "testenvironment.h"
 
-#include <QSet>
-#include <QTemporaryDir>
 #include <QTest>
 #include <QThread>
 
@@ -15,72 +13,50 @@ class PermissionsTest : public QObject {
     Q_OBJECT
 
 private slots:
-    void grantsFollowTheDefaultDevices_data();
-    void grantsFollowTheDefaultDevices();
-    void soundSettingsOpenWithTheFirstToolThatExists_data();
-    void soundSettingsOpenWithTheFirstToolThatExists();
-};
+    void grantsFollowTheDefaultDevicesAndArriveOnTheMainThreadLater_data() {
+        QTest::addColumn<QString>("server");
+        QTest::addColumn<bool>("granted");
+        QTest::newRow("a default input and output grant both") << "devices" << true;
+        QTest::newRow("a server without devices grants neither") << "empty" << false;
+        QTest::newRow("no sound server grants neither") << "none" << false;
+    }
+    void grantsFollowTheDefaultDevicesAndArriveOnTheMainThreadLater() {
+        QFETCH(QString, server);
+        QFETCH(bool, granted);
+        std::optional<PulseServer> pulse;
+        QTemporaryDir nowhere;
+        ScopedEnvironment environment;
+        if (server == QLatin1String("none")) {
+            environment.set("PULSE_SERVER", "unix:" + nowhere.filePath(QStringLiteral("socket")).toUtf8());
+        } else {
+            QVERIFY(pulse.emplace(server == QLatin1String("devices")).running());
+            environment.set("PULSE_SERVER", pulse->address().toUtf8());
+        }
 
-void PermissionsTest::grantsFollowTheDefaultDevices_data() {
-    QTest::addColumn<QString>("server");  // "devices", "empty" or "none"
-    QTest::addColumn<bool>("granted");
-
-    QTest::newRow("a default input and output grant both") << "devices" << true;
-    QTest::newRow("a server without devices grants neither") << "empty" << false;
-    QTest::newRow("no sound server grants neither") << "none" << false;
-}
-
-void PermissionsTest::grantsFollowTheDefaultDevices() {
-    QFETCH(QString, server);
-    QFETCH(bool, granted);
-
-    std::optional<PulseServer> pulse;
-    QTemporaryDir nowhere;
-    ScopedEnvironment environment;
-    if (server == QLatin1String("none")) {
-        environment.set("PULSE_SERVER", "unix:" + nowhere.filePath(QStringLiteral("socket")).toUtf8());
-    } else {
-        pulse.emplace(server == QLatin1String("devices"));
-        QVERIFY(pulse->running());
-        environment.set("PULSE_SERVER", pulse->address().toUtf8());
+        auto source = Permissions::soundServer();
+        std::optional<Permissions::Grants> answer;
+        source->check([&](Permissions::Grants grants) {
+            QCOMPARE(QThread::currentThread(), QCoreApplication::instance()->thread());
+            answer = grants;
+        });
+        QVERIFY(!answer);
+        QTRY_VERIFY(answer);
+        QCOMPARE(*answer, (Permissions::Grants{granted, granted}));
     }
 
-    auto source = Permissions::soundServer();
-    std::optional<Permissions::Grants> answer;
-    bool onMainThread = false;
-    source->check([&](Permissions::Grants grants) {
-        answer = grants;
-        onMainThread = QThread::currentThread() == QCoreApplication::instance()->thread();
-    });
-    QVERIFY(!answer);
-    QTRY_VERIFY(answer);
-    QCOMPARE(*answer, (Permissions::Grants{granted, granted}));
-    QVERIFY(onMainThread);
-}
-
-void PermissionsTest::soundSettingsOpenWithTheFirstToolThatExists_data() {
-    QTest::addColumn<QStringList>("installed");
-    QTest::addColumn<QStringList>("command");
-
-    QTest::newRow("the mixer before the desktops' settings")
-        << QStringList{"gnome-control-center", "pavucontrol", "systemsettings"} << QStringList{"pavucontrol"};
-    QTest::newRow("GNOME's sound page before Plasma's")
-        << QStringList{"systemsettings", "gnome-control-center"}
-        << QStringList{"gnome-control-center", "sound"};
-    QTest::newRow("Plasma's sound page")
-        << QStringList{"systemsettings"} << QStringList{"systemsettings", "kcm_pulseaudio"};
-    QTest::newRow("nothing to open") << QStringList{"xterm"} << QStringList{};
-}
-
-void PermissionsTest::soundSettingsOpenWithTheFirstToolThatExists() {
-    QFETCH(QStringList, installed);
-    QFETCH(QStringList, command);
-
-    const QSet<QString> tools(installed.begin(), installed.end());
-    QCOMPARE(Permissions::soundSettingsCommand(
-                 [&tools](const QString& program) { return tools.contains(program); }),
-             command);
-}
+    void soundSettingsOpenWithTheFirstToolThatExists() {
+        const auto command = [](const QStringList& installed) {
+            return Permissions::soundSettingsCommand(
+                [&](const QString& tool) { return installed.contains(tool); });
+        };
+        QCOMPARE(command({"gnome-control-center", "pavucontrol", "systemsettings"}),
+                 QStringList{"pavucontrol"});
+        QCOMPARE(command({"systemsettings", "gnome-control-center"}),
+                 (QStringList{"gnome-control-center", "sound"}));
+        QCOMPARE(command({"systemsettings"}), (QStringList{"systemsettings", "kcm_pulseaudio"}));
+        QCOMPARE(command({"xterm"}), QStringList());
+    }
+};
 
 QTEST_GUILESS_MAIN(PermissionsTest)
 #include "tst_permissions.moc"
