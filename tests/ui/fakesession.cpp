@@ -2,8 +2,7 @@
 
 #include <QCoreApplication>
 
-FakeSession::FakeSession(bool useMic) : settings_(dir_.filePath(QStringLiteral("settings.ini"))) {
-    settings_.setUseMic(useMic);
+FakeSession::FakeSession() : settings_(dir_.filePath(QStringLiteral("settings.ini"))) {
     settings_.setAutoAnswer(false);
     SessionController::Parts parts;
     parts.settings = &settings_;

@@ -12,7 +12,7 @@
 // put it into the states the overlay shows. Automatic answering is off, so that only `ask` starts one.
 class FakeSession {
 public:
-    explicit FakeSession(bool useMic = true);
+    FakeSession();
 
     SessionController& session() { return *session_; }
     AppSettings& settings() { return settings_; }
@@ -23,14 +23,13 @@ public:
     void say(Speaker speaker, const QString& text) {
         report(speaker, SpeechStream::Event::final(text, true));
     }
-    void failStream(Speaker speaker, const QString& message) {
-        report(speaker, SpeechStream::Event::failed(message));
+    void failStream(Speaker speaker, const QString& why) {
+        report(speaker, SpeechStream::Event::failed(why));
     }
     void ask(const QString& question) { session_->ask(question); }
-    // The answer the backend is giving now.
     void answerPiece(const QString& text) { backend_->answers.back()->piece(text); }
-    void answerFails(const QString& message) {
-        backend_->answers.back()->end(Failure(BackendError::network(message)));
+    void answerFails(const QString& why) {
+        backend_->answers.back()->end(Failure(BackendError::network(why)));
     }
 
 private:

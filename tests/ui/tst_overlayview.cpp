@@ -48,14 +48,27 @@ struct Rig {
             {u"fail"_s, [&](const QString& text) { fake.answerFails(text); }},
             {u"mic-off"_s, [&](const QString&) { fake.settings().setUseMic(false); }},
             {u"click-through"_s, [&](const QString&) { fake.settings().setClickThrough(true); }},
-            {u"press"_s, [&](const QString& name) { QTest::mouseClick(part(name), Qt::LeftButton); }}};
+            {u"press"_s, [&](const QString& name) { QTest::mouseClick(part(name), Qt::LeftButton); }},
+            {u"points"_s,
+             [&](const QString& count) {
+                 for (int i = 0; i < count.toInt(); ++i) {
+                     fake.answerPiece(u"- Point %1, long enough to wrap in the panel.\n"_s.arg(i));
+                     QCoreApplication::sendPostedEvents();
+                 }
+             }},
+            {u"scroll-back"_s,
+             [&](const QString&) { bar()->triggerAction(QAbstractSlider::SliderToMinimum); }},
+            {u"widen"_s, [&](const QString&) { view.resize(340, 400); }}};
         for (const QString& step : steps.split(u"; "_s, Qt::SkipEmptyParts)) {
             verbs.value(step.section(u' ', 0, 0))(step.section(u' ', 1));
             QCoreApplication::sendPostedEvents();
         }
     }
 
-    // What the view shows, read from its widgets top to bottom, and what it asked the shell for.
+    QScrollBar* bar() { return part<QScrollArea>(u"answerArea"_s)->verticalScrollBar(); }
+
+    // What the view shows, read from its widgets top to bottom, and what it asked the shell for. A row
+    // cut at its beginning shows as the ellipsis and its last two words; an answer as its last line.
     QString shown() {
         QStringList out{part<QAbstractButton>(u"listeningSwitch"_s)->text()};
         for (const QString& dot : {u"callDot"_s, u"micDot"_s}) {
@@ -65,10 +78,12 @@ struct Rig {
         }
         out << part(u"clickThroughButton"_s)->property("symbol").toString();
         for (QWidget* row : view.findChildren<QWidget*>(u"transcriptRow"_s)) {
+            const QString shownText = row->property("shownText").toString();
             if (row->isVisible()) {
                 out << row->property("tag").toString() +
                            (row->property("live").toBool() ? "~ "_L1 : ": "_L1) +
-                           row->property("text").toString();
+                           (shownText.startsWith(u'\u2026') ? u"\u2026 "_s + shownText.section(u' ', -2)
+                                                            : shownText);
             }
         }
         for (const QString& label :
@@ -81,7 +96,12 @@ struct Rig {
             out << u"spinner"_s;
         }
         if (part(u"answerText"_s)->isVisible()) {
-            out << "answer: "_L1 + part<AnswerText>(u"answerText"_s)->markdown();
+            out << "answer: "_L1 + part<AnswerText>(u"answerText"_s)
+                                       ->markdown()
+                                       .section(u'\n', -1, -1, QString::SectionSkipEmpty);
+        }
+        if (bar()->maximum() > 0) {
+            out << (bar()->value() == bar()->maximum() ? u"at the end"_s : u"scrolled back"_s);
         }
         return (out + requested).join(" | "_L1);
     }
@@ -95,8 +115,6 @@ class OverlayViewTest : public QObject {
 private slots:
     void showsTheSessionStateAndForwardsPresses_data();
     void showsTheSessionStateAndForwardsPresses();
-    void longUtteranceKeepsItsNewestWords();
-    void growingAnswerStaysScrolledToItsEnd();
 };
 
 void OverlayViewTest::showsTheSessionStateAndForwardsPresses_data() {
@@ -116,6 +134,9 @@ void OverlayViewTest::showsTheSessionStateAndForwardsPresses_data() {
     QTest::newRow("last two lines, then dimmed rows of both speakers")
         << u"listen; say I one; say M two; say I three; hear I four; hear M five"_s
         << listening + u" | YOU: two | THEM: three | THEM~ four | YOU~ five"_s + noAnswer;
+    QTest::newRow("an utterance longer than two lines keeps its newest words")
+        << "listen; hear I "_L1 + u"many words "_s.repeated(40) + u"last"_s
+        << listening + u" | THEM~ \u2026 words last"_s + noAnswer;
     QTest::newRow("microphone off hides its dot, click-through on crosses out the hand")
         << u"mic-off; click-through"_s
         << u"Start | Call: off | hand.raised.slash | stripPlaceholder: Press Ctrl+Alt+S to start listening."_s +
@@ -134,6 +155,16 @@ void OverlayViewTest::showsTheSessionStateAndForwardsPresses_data() {
         << idle + u" | question: Why? | notice: The network is down."_s;
     QTest::newRow("clear takes the answer and the notice away")
         << u"ask Why?; fail The network is down.; press clearButton"_s << idle + noAnswer;
+    QTest::newRow("a growing answer stays scrolled to its end")
+        << u"ask Why?; points 30"_s
+        << idle + u" | question: Why? | answer: - Point 29, long enough to wrap in the panel. | at the end"_s;
+    QTest::newRow("scrolling back to read is respected while the panel changes size")
+        << u"ask Why?; points 30; scroll-back; widen"_s
+        << idle +
+               u" | question: Why? | answer: - Point 29, long enough to wrap in the panel. | scrolled back"_s;
+    QTest::newRow("more answer scrolls to its end again")
+        << u"ask Why?; points 30; scroll-back; piece The end."_s
+        << idle + u" | question: Why? | answer: The end. | at the end"_s;
     QTest::newRow("answer now before listening says to start")
         << u"press answerNowButton"_s
         << idle + noAnswer + u" | notice: Start listening first (Ctrl+Alt+S)."_s;
@@ -150,37 +181,6 @@ void OverlayViewTest::showsTheSessionStateAndForwardsPresses() {
     QCOMPARE(rig.shown(), shown);
     // Every state fits the panel's smallest size.
     QVERIFY(rig.view.minimumSizeHint().width() <= 320);
-}
-
-// An utterance longer than the strip's two lines is cut at its beginning, so the newest words show.
-void OverlayViewTest::longUtteranceKeepsItsNewestWords() {
-    Rig rig;
-    rig.run("listen; hear I "_L1 + u"many words "_s.repeated(40) + u"last"_s);
-    QWidget* row = rig.view.findChildren<QWidget*>(u"transcriptRow"_s).first();
-    const QString cut = row->property("shownText").toString();
-    QVERIFY2(cut.startsWith(u'\u2026') && cut.endsWith(u" words last"_s) && cut.size() < 400,
-             qPrintable(cut));
-    QCOMPARE(row->height(), 2 * QFontMetrics(rig.part(u"stripPlaceholder"_s)->font()).height());
-    rig.run(u"hear I short again"_s);
-    QCOMPARE(row->property("shownText").toString(), u"short again"_s);
-}
-
-void OverlayViewTest::growingAnswerStaysScrolledToItsEnd() {
-    Rig rig;
-    rig.run(u"ask Walk me through a project."_s);
-    QScrollBar* bar = rig.part<QScrollArea>(u"answerArea"_s)->verticalScrollBar();
-    for (int i = 0; i < 30; ++i) {
-        rig.run(u"piece - Point %1 of the answer, long enough to wrap inside the panel.\n"_s.arg(i));
-        QCOMPARE(bar->value(), bar->maximum());
-    }
-    QVERIFY(bar->maximum() > 0);
-    // Scrolling back to read is respected until the answer grows again.
-    bar->triggerAction(QAbstractSlider::SliderToMinimum);
-    rig.view.resize(340, 400);
-    QCoreApplication::sendPostedEvents();
-    QCOMPARE(bar->value(), 0);
-    rig.run(u"piece - The end."_s);
-    QCOMPARE(bar->value(), bar->maximum());
 }
 
 QTEST_MAIN(OverlayViewTest)
