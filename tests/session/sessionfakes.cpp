@@ -1,19 +1,14 @@
 #include "sessionfakes.h"
 
+#include <QCoreApplication>
+
 #include <algorithm>
 #include <thread>
 
 namespace {
 
-// Holds its record for as long as the session keeps the stream, answer or timer.
-template <typename Base, typename Record>
-struct Handle : Base {
-    explicit Handle(std::shared_ptr<Record> record) : record(std::move(record)) {}
-    std::shared_ptr<Record> record;
-};
-
-struct FakeStream : Handle<SpeechStream, FakeStreams::Record> {
-    using Handle::Handle;
+struct FakeStream : Fake<SpeechStream, FakeStreams::Record> {
+    using Fake::Fake;
     ~FakeStream() override {
         record->alive = false;
         record->onEvent = nullptr;
@@ -25,8 +20,8 @@ struct FakeStream : Handle<SpeechStream, FakeStreams::Record> {
     void stop() override { ++record->stops; }
 };
 
-struct FakeAnswer : Handle<SessionBackend::Answer, FakeBackend::AnswerRecord> {
-    using Handle::Handle;
+struct FakeAnswer : Fake<SessionBackend::Answer, AnswerRecord> {
+    using Fake::Fake;
     ~FakeAnswer() override { record->abandoned = true; }
 };
 
@@ -34,8 +29,7 @@ struct FakeAnswer : Handle<SessionBackend::Answer, FakeBackend::AnswerRecord> {
 
 SessionController::StreamFactory FakeStreams::factory() {
     return [this](const QString& label, TokenProvider) -> std::unique_ptr<SpeechStream> {
-        made_.push_back(std::make_shared<Record>());
-        made_.back()->label = label;
+        made_.push_back(std::make_shared<Record>(Record{label, nullptr}));
         return std::make_unique<FakeStream>(made_.back());
     };
 }
@@ -50,29 +44,28 @@ void FakeStreams::report(const QString& label, const SpeechStream::Event& event)
 
 void FakeCapture::start(Completion<Done> done) {
     stop();
-    record_->state = State::starting;
-    record_->pendingStart = std::move(done);
+    record->state = Record::State::starting;
+    record->pendingStart = std::move(done);
 }
 
 void FakeCapture::stop() {
-    if (auto done = std::exchange(record_->pendingStart, nullptr)) {
+    if (auto done = std::exchange(record->pendingStart, nullptr)) {
         QMetaObject::invokeMethod(
-            &mainThread_,
-            [done] { done(Failure::other(QStringLiteral("The capture was stopped before it started."))); },
+            QCoreApplication::instance(), [done] { done(Failure::other(QStringLiteral("Stopped."))); },
             Qt::QueuedConnection);
     }
-    record_->state = State::idle;
+    record->state = Record::State::idle;
 }
 
 void FakeCapture::finishStart(Record& record, const Result<Done>& result) {
-    record.state = result ? State::running : State::idle;
     if (auto done = std::exchange(record.pendingStart, nullptr)) {
+        record.state = result ? Record::State::running : Record::State::idle;
         done(result);
     }
 }
 
 void FakeCapture::deliver(Record& record, int bytes, int count) {
-    if (record.state != State::idle && record.onAudio) {
+    if (record.state != Record::State::idle && record.onAudio) {
         std::thread([&record, pcm = QByteArray(bytes, '\0'), count] {
             for (int i = 0; i < count; ++i) {
                 record.onAudio(pcm);
@@ -82,36 +75,24 @@ void FakeCapture::deliver(Record& record, int bytes, int count) {
 }
 
 void FakeCapture::end(Record& record, const Failure& error) {
-    record.state = State::idle;
+    record.state = Record::State::idle;
     record.onStop(error);
-}
-
-void FakeBackend::AnswerRecord::piece(const QString& text) {
-    if (!abandoned) {
-        handlers.piece(text);
-    }
-}
-
-void FakeBackend::AnswerRecord::end(const std::optional<Failure>& failure) {
-    if (!abandoned) {
-        handlers.ended(failure);
-    }
 }
 
 std::unique_ptr<SessionBackend::Answer> FakeBackend::answer(const AnswerRequest& request,
                                                             AnswerHandlers handlers) {
-    record_->answers.push_back(std::make_shared<AnswerRecord>(AnswerRecord{request, std::move(handlers)}));
-    return std::make_unique<FakeAnswer>(record_->answers.back());
+    record->answers.push_back(std::make_shared<AnswerRecord>(AnswerRecord{request, std::move(handlers)}));
+    return std::make_unique<FakeAnswer>(record->answers.back());
 }
 
-void FakeMicrophoneAccess::Record::answerAll(bool granted) {
+void AccessRecord::answerAll(bool granted) {
     for (const auto& answer : std::exchange(pending, {})) {
         answer(granted);
     }
 }
 
-void ManualClock::Record::advance(std::chrono::milliseconds by) {
-    const TimePoint target = now + by;
+void ClockRecord::advance(std::chrono::milliseconds by) {
+    const SessionClock::TimePoint target = now + by;
     for (;;) {
         std::shared_ptr<Entry> next;
         for (const auto& timer : timers) {
@@ -130,15 +111,10 @@ void ManualClock::Record::advance(std::chrono::milliseconds by) {
     now = target;
 }
 
-int ManualClock::Record::liveTimers() const {
-    return static_cast<int>(
-        std::count_if(timers.begin(), timers.end(), [](const auto& t) { return !t.expired(); }));
-}
-
 std::unique_ptr<SessionClock::Timer> ManualClock::repeat(std::chrono::milliseconds period,
                                                          std::function<void()> tick) {
     auto entry =
-        std::make_shared<Record::Entry>(Record::Entry{period, record_->now + period, std::move(tick)});
-    record_->timers.push_back(entry);
-    return std::make_unique<Handle<Timer, Record::Entry>>(entry);
+        std::make_shared<Record::Entry>(Record::Entry{period, record->now + period, std::move(tick)});
+    record->timers.push_back(entry);
+    return std::make_unique<Fake<Timer, Record::Entry>>(entry);
 }
