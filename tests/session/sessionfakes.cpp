@@ -9,10 +9,7 @@ namespace {
 
 struct FakeStream : Fake<SpeechStream, FakeStreams::Record> {
     using Fake::Fake;
-    ~FakeStream() override {
-        record->alive = false;
-        record->onEvent = nullptr;
-    }
+    ~FakeStream() override { record->alive = false; }
     QString label() const override { return record->label; }
     void setOnEvent(EventHandler handler) override { record->onEvent = std::move(handler); }
     void start() override { ++record->starts; }
@@ -29,15 +26,15 @@ struct FakeAnswer : Fake<SessionBackend::Answer, AnswerRecord> {
 
 SessionController::StreamFactory FakeStreams::factory() {
     return [this](const QString& label, TokenProvider) -> std::unique_ptr<SpeechStream> {
-        made_.push_back(std::make_shared<Record>(Record{label, nullptr}));
-        return std::make_unique<FakeStream>(made_.back());
+        made.push_back(std::make_shared<Record>(Record{label, nullptr}));
+        return std::make_unique<FakeStream>(made.back());
     };
 }
 
 void FakeStreams::report(const QString& label, const SpeechStream::Event& event) {
     const auto newest =
-        std::find_if(made_.rbegin(), made_.rend(), [&](const auto& r) { return r->label == label; });
-    if (newest != made_.rend() && (*newest)->onEvent) {
+        std::find_if(made.rbegin(), made.rend(), [&](const auto& r) { return r->label == label; });
+    if (newest != made.rend() && (*newest)->alive && (*newest)->onEvent) {
         (*newest)->onEvent(event);
     }
 }
@@ -92,23 +89,16 @@ void AccessRecord::answerAll(bool granted) {
 }
 
 void ClockRecord::advance(std::chrono::milliseconds by) {
-    const SessionClock::TimePoint target = now + by;
-    for (;;) {
-        std::shared_ptr<Entry> next;
+    // A millisecond at a time, so that every timer fires when it is due, in time order.
+    for (const SessionClock::TimePoint target = now + by; now < target;) {
+        now += std::chrono::milliseconds(1);
         for (const auto& timer : timers) {
-            const auto entry = timer.lock();
-            if (entry && entry->due <= target && (!next || entry->due < next->due)) {
-                next = entry;
+            if (const auto entry = timer.lock(); entry && entry->due <= now) {
+                entry->due += entry->period;
+                entry->tick();
             }
         }
-        if (!next) {
-            break;
-        }
-        now = next->due;
-        next->due += next->period;
-        next->tick();
     }
-    now = target;
 }
 
 std::unique_ptr<SessionClock::Timer> ManualClock::repeat(std::chrono::milliseconds period,

@@ -14,8 +14,7 @@ struct Fake : Base {
     std::shared_ptr<Data> record;
 };
 
-class FakeStreams {
-public:
+struct FakeStreams {
     struct Record {
         QString label;
         SpeechStream::EventHandler onEvent;
@@ -25,13 +24,11 @@ public:
         bool alive = true;
     };
 
+    std::vector<std::shared_ptr<Record>> made;
+
     SessionController::StreamFactory factory();
-    const std::vector<std::shared_ptr<Record>>& made() const { return made_; }
     // Hands `event` to the newest stream with `label`, as that stream would while it lives.
     void report(const QString& label, const SpeechStream::Event& event);
-
-private:
-    std::vector<std::shared_ptr<Record>> made_;
 };
 
 struct CaptureRecord {
@@ -67,7 +64,7 @@ struct AnswerRecord {
 
 struct BackendRecord {
     bool signedIn = true;
-    QList<double> usage;
+    QStringList usage;  // seconds reported
     std::vector<std::shared_ptr<AnswerRecord>> answers;
 };
 
@@ -75,7 +72,7 @@ struct FakeBackend : Fake<SessionBackend, BackendRecord> {
     using Fake::Fake;
     bool isSignedIn() const override { return record->signedIn; }
     void speechToken(Completion<QString> done) override { done(QStringLiteral("speech-token")); }
-    void reportUsage(double seconds) override { record->usage.append(seconds); }
+    void reportUsage(double seconds) override { record->usage.append(QString::number(seconds)); }
     std::unique_ptr<Answer> answer(const AnswerRequest& request, AnswerHandlers handlers) override;
 };
 
