@@ -268,7 +268,8 @@ private slots:
 
     void everyAssignmentNotifiesOnce_data() {
         columns();
-        row("stop while idle", "mark; stop", "");
+        row("stop and answer now while idle", "mark; stop; answerNow",
+            "notice: Start listening first (Ctrl+Alt+S). | notice x1");
         row("clear twice", "mark; clear; clear", "question x2 | answer x2 | isAnswering x2 | notice x2");
         row("a commit, then one pass of pruning",
             "useMic; listen; I final! A; wait 600.001; mark; M final! B",
