@@ -2,18 +2,19 @@
 
 #include "sessioncontroller.h"
 
-#include <QObject>
-
 #include <memory>
 #include <vector>
 
-// Scripted stand-ins for everything a session talks to, so that a test drives every path by hand.
-// Each fake keeps its record in a shared object that outlives it: the controller owns the fakes, the
-// test reads what happened to them.
+// Scripted stand-ins for everything a session talks to. The controller owns the fakes; each keeps its
+// record in a shared object that outlives it, through which the test drives it and reads what happened.
+template <typename Base, typename Data>
+struct Fake : Base {
+    using Record = Data;
+    explicit Fake(std::shared_ptr<Data> record) : record(std::move(record)) {}
+    std::shared_ptr<Data> record;
+};
 
-// Speech streams: what was made, started, stopped and sent; events are pushed in by the test.
-class FakeStreams {
-public:
+struct FakeStreams {
     struct Record {
         QString label;
         SpeechStream::EventHandler onEvent;
@@ -23,114 +24,83 @@ public:
         bool alive = true;
     };
 
+    std::vector<std::shared_ptr<Record>> made;
+
     SessionController::StreamFactory factory();
-    const std::vector<std::shared_ptr<Record>>& made() const { return made_; }
     // Hands `event` to the newest stream with `label`, as that stream would while it lives.
     void report(const QString& label, const SpeechStream::Event& event);
-
-private:
-    std::vector<std::shared_ptr<Record>> made_;
 };
 
-// A capture that starts when the test says so and delivers audio from a thread of its own. Like the
-// real one, a start while starting or running stops first, and a stop while starting fails that start.
-class FakeCapture : public AudioCapture {
-public:
-    enum class State { idle, starting, running };
+struct CaptureRecord {
+    enum class State { idle, starting, running } state = State::idle;
+    Completion<Done> pendingStart;
+    AudioCapture::AudioHandler onAudio;
+    AudioCapture::StopHandler onStop;
+};
 
-    struct Record {
-        State state = State::idle;
-        Completion<Done> pendingStart;
-        AudioHandler onAudio;
-        StopHandler onStop;
-    };
-
-    explicit FakeCapture(std::shared_ptr<Record> record) : record_(std::move(record)) {}
-
-    void setOnAudio(AudioHandler handler) override { record_->onAudio = std::move(handler); }
-    void setOnStop(StopHandler handler) override { record_->onStop = std::move(handler); }
+// Starts when the test says so and delivers audio from a thread of its own. Like the real one, a start
+// while starting or running stops first, and a stop while starting fails that start.
+struct FakeCapture : Fake<AudioCapture, CaptureRecord> {
+    using Fake::Fake;
+    void setOnAudio(AudioHandler handler) override { record->onAudio = std::move(handler); }
+    void setOnStop(StopHandler handler) override { record->onStop = std::move(handler); }
     void start(Completion<Done> done) override;
     void stop() override;
 
     static void finishStart(Record& record, const Result<Done>& result);
-    // Delivers `count` buffers of `bytes` bytes from a separate thread and waits for it; audio flows as
-    // soon as the server has started the recording, which may be before the start completes.
-    static void deliver(Record& record, int bytes, int count = 1);
+    // Audio flows as soon as the server has started the recording, which may be before the start completes.
+    static void deliver(Record& record, int bytes, int count);
     static void end(Record& record, const Failure& error);
-
-private:
-    std::shared_ptr<Record> record_;
-    // Receives the queued failure of a start cut short by stop(); gone with the capture, like the real one.
-    QObject mainThread_;
 };
 
-class FakeBackend : public SessionBackend {
-public:
-    struct AnswerRecord {
-        AnswerRequest request;
-        AnswerHandlers handlers;
-        bool abandoned = false;
+struct AnswerRecord {
+    SessionBackend::AnswerRequest request;
+    SessionBackend::AnswerHandlers handlers;
+    bool abandoned = false;
 
-        // Test side: what the server sends. Nothing reaches the session once the answer is abandoned.
-        void piece(const QString& text);
-        void end(const std::optional<Failure>& failure = std::nullopt);
-    };
+    void piece(const QString& text) { handlers.piece(text); }
+    void end(const std::optional<Failure>& failure = std::nullopt) { handlers.ended(failure); }
+};
 
-    struct Record {
-        bool signedIn = true;
-        QList<double> usage;
-        std::vector<std::shared_ptr<AnswerRecord>> answers;
-    };
+struct BackendRecord {
+    bool signedIn = true;
+    QStringList usage;  // seconds reported
+    std::vector<std::shared_ptr<AnswerRecord>> answers;
+};
 
-    explicit FakeBackend(std::shared_ptr<Record> record) : record_(std::move(record)) {}
-
-    bool isSignedIn() const override { return record_->signedIn; }
+struct FakeBackend : Fake<SessionBackend, BackendRecord> {
+    using Fake::Fake;
+    bool isSignedIn() const override { return record->signedIn; }
     void speechToken(Completion<QString> done) override { done(QStringLiteral("speech-token")); }
-    void reportUsage(double seconds) override { record_->usage.append(seconds); }
+    void reportUsage(double seconds) override { record->usage.append(QString::number(seconds)); }
     std::unique_ptr<Answer> answer(const AnswerRequest& request, AnswerHandlers handlers) override;
-
-private:
-    std::shared_ptr<Record> record_;
 };
 
 // Holds every request until the test answers it.
-class FakeMicrophoneAccess : public MicrophoneAccess {
-public:
-    struct Record {
-        std::vector<std::function<void(bool)>> pending;
-
-        void answerAll(bool granted);
-    };
-
-    explicit FakeMicrophoneAccess(std::shared_ptr<Record> record) : record_(std::move(record)) {}
-    void request(std::function<void(bool)> answer) override { record_->pending.push_back(std::move(answer)); }
-
-private:
-    std::shared_ptr<Record> record_;
+struct AccessRecord {
+    std::vector<std::function<void(bool)>> pending;
+    void answerAll(bool granted);
 };
 
-// A clock that moves only when the test advances it, firing due timers on the way in time order.
-class ManualClock : public SessionClock {
-public:
-    struct Record {
-        struct Entry {
-            std::chrono::milliseconds period;
-            TimePoint due;
-            std::function<void()> tick;
-        };
+struct FakeMicrophoneAccess : Fake<MicrophoneAccess, AccessRecord> {
+    using Fake::Fake;
+    void request(std::function<void(bool)> answer) override { record->pending.push_back(std::move(answer)); }
+};
 
-        TimePoint now = TimePoint(std::chrono::hours(24 * 365 * 56));
-        std::vector<std::weak_ptr<Entry>> timers;
-
-        void advance(std::chrono::milliseconds by);
-        int liveTimers() const;
+// Moves only when the test advances it, firing due timers on the way in time order.
+struct ClockRecord {
+    struct Entry {
+        std::chrono::milliseconds period;
+        SessionClock::TimePoint due;
+        std::function<void()> tick;
     };
+    SessionClock::TimePoint now = SessionClock::TimePoint(std::chrono::hours(24 * 365 * 56));
+    std::vector<std::weak_ptr<Entry>> timers;
+    void advance(std::chrono::milliseconds by);
+};
 
-    explicit ManualClock(std::shared_ptr<Record> record) : record_(std::move(record)) {}
-
-    TimePoint now() const override { return record_->now; }
+struct ManualClock : Fake<SessionClock, ClockRecord> {
+    using Fake::Fake;
+    TimePoint now() const override { return record->now; }
     std::unique_ptr<Timer> repeat(std::chrono::milliseconds period, std::function<void()> tick) override;
-
-private:
-    std::shared_ptr<Record> record_;
 };

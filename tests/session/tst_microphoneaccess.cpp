@@ -12,11 +12,9 @@
 class MicrophoneAccessTest : public QObject {
     Q_OBJECT
 
-    QTemporaryDir nowhere_;
+    QTemporaryDir dir_;
+    const QString nowhere_ = dir_.filePath(QStringLiteral("socket"));
     ScopedEnvironment environment_;
-
-    void serverAt(const QString& address) { environment_.set("PULSE_SERVER", address.toUtf8()); }
-    QString nowhere() const { return nowhere_.filePath(QStringLiteral("socket")); }
 
 private slots:
     void grantedWithDefaultSource_data() {
@@ -31,21 +29,16 @@ private slots:
         QFETCH(QString, server);
         QFETCH(bool, granted);
         std::optional<PulseServer> pulse;
-        // Accepts connections, holds them and says nothing.
-        QLocalServer wedged;
-        if (server == "wedged") {
-            QVERIFY(wedged.listen(nowhere()));
-        }
-        if (server == "none" || server == "wedged") {
-            serverAt("unix:" + nowhere());
-        } else {
+        QLocalServer wedged;  // accepts connections, holds them and says nothing
+        if (server == "devices" || server == "empty") {
             QVERIFY(pulse.emplace(server == "devices").running());
-            serverAt(pulse->address());
         }
+        QVERIFY(server != "wedged" || wedged.listen(nowhere_));
+        environment_.set("PULSE_SERVER", (pulse ? pulse->address() : "unix:" + nowhere_).toUtf8());
 
-        auto access = MicrophoneAccess::pulse();
         std::optional<bool> answer;
         QThread* answeredOn = nullptr;
+        const auto access = MicrophoneAccess::pulse();
         access->request([&](bool value) {
             answer = value;
             answeredOn = QThread::currentThread();
@@ -57,7 +50,7 @@ private slots:
     }
 
     void answerIsDroppedOnceAccessIsGone() {
-        serverAt("unix:" + nowhere());
+        environment_.set("PULSE_SERVER", ("unix:" + nowhere_).toUtf8());
         bool answered = false;
         MicrophoneAccess::pulse()->request([&answered](bool) { answered = true; });
         QThreadPool::globalInstance()->waitForDone();
