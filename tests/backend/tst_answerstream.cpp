@@ -21,11 +21,9 @@ private slots:
     void init();
     void cleanup() { home_.reset(); }
 
-    void linesSurviveACutAtEveryByte_data();
     void linesSurviveACutAtEveryByte();
     void streamEndsOnceWithTheRightOutcome_data();
     void streamEndsOnceWithTheRightOutcome();
-    void endingTheStreamFromItsChunkAbandonsTheRequest_data();
     void endingTheStreamFromItsChunkAbandonsTheRequest();
 
 private:
@@ -62,23 +60,18 @@ std::unique_ptr<AnswerStream> AnswerStreamTest::start() {
     return stream;
 }
 
-void AnswerStreamTest::linesSurviveACutAtEveryByte_data() {
-    QTest::addColumn<QByteArray>("terminator");
-    QTest::newRow("line feed") << QByteArray("\n");
-    QTest::newRow("carriage return") << QByteArray("\r");
-    QTest::newRow("carriage return and line feed") << QByteArray("\r\n");
-}
-
 void AnswerStreamTest::linesSurviveACutAtEveryByte() {
-    QFETCH(QByteArray, terminator);
-    const QByteArray body = "data: one" + terminator + terminator + "data: tw\xc3\xb6" + terminator + "last";
-    for (qsizetype cut = 0; cut <= body.size(); ++cut) {
-        LineSplitter splitter;
-        QList<QByteArray> lines = splitter.feed(body.left(cut));
-        lines += splitter.feed(body.mid(cut));
-        lines.append(splitter.finish());
-        lines.removeAll(QByteArray());
-        QCOMPARE(lines, (QList<QByteArray>{"data: one", "data: tw\xc3\xb6", "last"}));
+    for (const QByteArray terminator : {"\n", "\r", "\r\n"}) {
+        const QByteArray body =
+            "data: one" + terminator + terminator + "data: tw\xc3\xb6" + terminator + "last";
+        for (qsizetype cut = 0; cut <= body.size(); ++cut) {
+            LineSplitter splitter;
+            QList<QByteArray> lines = splitter.feed(body.left(cut));
+            lines += splitter.feed(body.mid(cut));
+            lines.append(splitter.finish());
+            lines.removeAll(QByteArray());
+            QCOMPARE(lines, (QList<QByteArray>{"data: one", "data: tw\xc3\xb6", "last"}));
+        }
     }
 }
 
@@ -88,47 +81,32 @@ void AnswerStreamTest::streamEndsOnceWithTheRightOutcome_data() {
     QTest::addColumn<bool>("drop");
     QTest::addColumn<QStringList>("chunks");
     QTest::addColumn<QString>("outcome");
-    const QList<QByteArray> none;
-    QTest::newRow("other lines and unknown types skipped")
-        << 200
-        << QList<QByteArray>{"\nevent: ping\n: c\n" + textLine("a") + "data: {\"type\":\"done\"}\n",
-                             textLine("b")}
-        << false << QStringList{"a", "b"} << "finished";
-    QTest::newRow("error stops reading")
-        << 200
-        << QList<QByteArray>{"data: {\"type\":\"text\",\"text\":\"a\"}\rdata: {\"type\":\"error\"}\r" +
-                             textLine("x")}
-        << false << QStringList{"a"} << "Something went wrong.";
-    QTest::newRow("malformed lines skipped, text untrimmed")
-        << 200
-        << QList<QByteArray>{R"(data:{"type":"text","text":"x"})"
-                             "\n"
-                             R"(data: {"type":"text","text":5})"
-                             "\n" +
-                             textLine("  two  ") +
-                             R"(data: {"type":"error","message":3})"
-                             "\n" +
-                             R"(data: ["text"])"}
-        << false << QStringList{"  two  "} << "finished";
-    QTest::newRow("last line without terminator")
-        << 200 << QList<QByteArray>{textLine("a") + "data: {\"type\":\"text\",\"text\":\"b\"}"} << false
-        << QStringList{"a", "b"} << "finished";
-    QTest::newRow("line split across reads")
-        << 200 << QList<QByteArray>{"data: {\"type\":\"te", "xt\",\"text\":\"caf\xc3", "\xa9\"}\r", "\n"}
-        << false << QStringList{QString::fromUtf8("café")} << "finished";
-    QTest::newRow("refusal with a reason, in pieces")
-        << 429 << QList<QByteArray>{R"({"error":"Monthly )", R"(limit reached."})"} << false << QStringList{}
-        << "Monthly limit reached.";
-    QTest::newRow("refusal with a plain body")
-        << 500 << QList<QByteArray>{"Internal ", "Server Error"} << false << QStringList{}
-        << "Tallowind's server returned an error (500).";
-    QTest::newRow("unauthorized") << 401 << QList<QByteArray>{R"({"error":)", R"("bad token"})"} << false
-                                  << QStringList{} << "Please sign in again.";
-    QTest::newRow("not signed in") << -1 << none << false << QStringList{} << "Please sign in again.";
-    QTest::newRow("nothing listens") << 0 << none << false << QStringList{} << "(transport) ";
-    QTest::newRow("connection drops mid-body")
-        << 200 << QList<QByteArray>{textLine("kept"), "data: {\"type\":\"text\",\"t"} << true
-        << QStringList{"kept"} << "(transport) ";
+    const auto row = [](const char* name, int status, const QList<QByteArray>& pieces,
+                        const QStringList& chunks, const QString& outcome, bool drop = false) {
+        QTest::newRow(name) << status << pieces << drop << chunks << outcome;
+    };
+    row("other, unknown and malformed lines skipped, text untrimmed", 200,
+        {"\nevent: ping\n: c\n" + textLine("  a  ") + "data: {\"type\":\"done\"}\n",
+         "data:{\"type\":\"text\",\"text\":\"x\"}\ndata: {\"type\":\"text\",\"text\":5}\n"
+         "data: {\"type\":\"error\",\"message\":3}\ndata: [\"text\"]\n" +
+             textLine("b")},
+        {"  a  ", "b"}, "finished");
+    row("error stops reading", 200,
+        {"data: {\"type\":\"text\",\"text\":\"a\"}\rdata: {\"type\":\"error\"}\r" + textLine("x")}, {"a"},
+        "Something went wrong.");
+    row("lines split across reads, the last without terminator", 200,
+        {"data: {\"type\":\"te", "xt\",\"text\":\"caf\xc3", "\xa9\"}\r",
+         "\ndata: {\"type\":\"text\",\"text\":\"b\"}"},
+        {QString::fromUtf8("café"), "b"}, "finished");
+    row("refusal with a reason, in pieces", 429, {R"({"error":"Monthly )", R"(limit reached."})"}, {},
+        "Monthly limit reached.");
+    row("refusal with a plain body", 500, {"Internal ", "Server Error"}, {},
+        "Tallowind's server returned an error (500).");
+    row("unauthorized", 401, {R"({"error":)", R"("bad token"})"}, {}, "Please sign in again.");
+    row("not signed in", -1, {}, {}, "Please sign in again.");
+    row("nothing listens", 0, {}, {}, "(transport) ");
+    row("connection drops mid-body", 200, {textLine("kept"), "data: {\"type\":\"text\",\"t"}, {"kept"},
+        "(transport) ", true);
 }
 
 void AnswerStreamTest::streamEndsOnceWithTheRightOutcome() {
@@ -171,25 +149,22 @@ void AnswerStreamTest::streamEndsOnceWithTheRightOutcome() {
     }
 }
 
-void AnswerStreamTest::endingTheStreamFromItsChunkAbandonsTheRequest_data() {
-    QTest::addColumn<bool>("cancel");
-    QTest::newRow("cancelled") << true;
-    QTest::newRow("destroyed") << false;
-}
-
 void AnswerStreamTest::endingTheStreamFromItsChunkAbandonsTheRequest() {
-    QFETCH(bool, cancel);
     // Two lines in one read and a third later: ended from the slot that receives the first piece, the
     // stream reads neither of the others, and the server sees the client hang up before the body ends.
     server_.respondWith(
         TestHttpServer::Response::stream({{textLine("one") + textLine("two"), 0}, {textLine("three"), 500}}));
-    const int abandoned = server_.abandoned();
-    auto stream = start();
-    connect(stream.get(), &AnswerStream::chunk, this, [&] { cancel ? stream->cancel() : stream.reset(); });
-    QTRY_COMPARE(server_.abandoned(), abandoned + 1);
-    QVERIFY(!stream || !stream->isActive());
-    QCOMPARE(chunks_, QStringList{"one"});
-    QVERIFY(outcome_.isEmpty());
+    for (const bool cancel : {true, false}) {
+        const int abandoned = server_.abandoned();
+        chunks_.clear();
+        auto stream = start();
+        connect(stream.get(), &AnswerStream::chunk, this,
+                [&] { cancel ? stream->cancel() : stream.reset(); });
+        QTRY_COMPARE(server_.abandoned(), abandoned + 1);
+        QVERIFY(!stream || !stream->isActive());
+        QCOMPARE(chunks_, QStringList{"one"});
+        QVERIFY(outcome_.isEmpty());
+    }
 }
 
 QTEST_GUILESS_MAIN(AnswerStreamTest)

@@ -4,110 +4,85 @@
 #include "testenvironment.h"
 #include "testhttpserver.h"
 
+#include <QFile>
 #include <QTest>
 
 class EndpointsTest : public QObject {
     Q_OBJECT
 
 private slots:
-    void serverAddressPicksTheFirstUsableSource_data();
-    void serverAddressPicksTheFirstUsableSource();
+    void serverAddressSkipsUnusableSources();
     void endpointsSendTheirRequestAndReadTheReply_data();
     void endpointsSendTheirRequestAndReadTheReply();
+    void keychainUsesOnlyTheChosenStore_data();
+    void keychainUsesOnlyTheChosenStore();
 };
 
-void EndpointsTest::serverAddressPicksTheFirstUsableSource_data() {
-    QTest::addColumn<QVariant>("environment");  // invalid: unset
-    QTest::addColumn<QString>("compiledIn");
-    QTest::addColumn<QString>("expected");
-    QTest::newRow("nothing configured") << QVariant() << ""
-                                        << "http://localhost:8787";
-    QTest::newRow("environment wins") << QVariant("https://api.test/v2") << "https://b.test"
-                                      << "https://api.test/v2";
-    QTest::newRow("empty environment") << QVariant("") << "https://b.test/base"
-                                       << "https://b.test/base";
-    QTest::newRow("malformed environment") << QVariant("not a url") << ""
-                                           << "http://localhost:8787";
-    QTest::newRow("placeholder") << QVariant() << "__TALLOWIND_SERVER_URL__"
-                                 << "http://localhost:8787";
-}
-
-void EndpointsTest::serverAddressPicksTheFirstUsableSource() {
-    QFETCH(QVariant, environment);
-    QFETCH(QString, compiledIn);
-    QFETCH(QString, expected);
-    const auto env = environment.isValid() ? std::optional(environment.toString()) : std::nullopt;
-    QCOMPARE(Config::resolveServerURL(env, compiledIn).toString(), expected);
+void EndpointsTest::serverAddressSkipsUnusableSources() {
+    using Config::resolveServerURL;
+    QCOMPARE(resolveServerURL(QStringLiteral("not a url"), "https://b.test/base"),
+             QUrl("https://b.test/base"));
+    QCOMPARE(resolveServerURL(std::nullopt, "__TALLOWIND_SERVER_URL__"), QUrl("http://localhost:8787"));
     QCOMPARE(Config::resolveAppVersion(QStringLiteral("__VERSION__")), QStringLiteral("0.0.0"));
     QCOMPARE(Config::resolveAppVersion(QStringLiteral("1.4.2")), QStringLiteral("1.4.2"));
 }
 
 void EndpointsTest::endpointsSendTheirRequestAndReadTheReply_data() {
     QTest::addColumn<QByteArray>("endpoint");
-    QTest::addColumn<QByteArray>("token");  // "stored", "none", or "env=VALUE" beside the stored one
-    QTest::addColumn<int>("status");        // 0: the body is cut off; -1: nothing listens
+    QTest::addColumn<int>("status");  // 0: the body is cut off; -1: nothing listens
     QTest::addColumn<QByteArray>("body");
     QTest::addColumn<QString>("result");
-    QTest::addColumn<QByteArray>("sent");  // method, target, authorization and body; empty: nothing
-    QTest::addColumn<QString>("kept");     // the stored token afterwards
-    const auto row = [](const char* name, const char* endpoint, const char* token, int status,
-                        const char* body, const QString& result, const QByteArray& sent, const char* kept) {
-        QTest::newRow(name) << QByteArray(endpoint) << QByteArray(token) << status << QByteArray(body)
-                            << result << sent << QString::fromUtf8(kept);
+    QTest::addColumn<QByteArray>("sent");   // method, target, authorization and body; empty: nothing
+    QTest::addColumn<QString>("kept");      // the stored token afterwards
+    QTest::addColumn<QByteArray>("token");  // "stored", "none", "env=VALUE" beside it, or "file=BYTES"
+    const auto row = [](const char* name, const char* endpoint, int status, const char* body,
+                        const QString& result, const QByteArray& sent, const char* kept = "stored",
+                        const char* token = "stored") {
+        QTest::newRow(name) << QByteArray(endpoint) << status << QByteArray(body) << result << sent
+                            << QString::fromUtf8(kept) << QByteArray(token);
     };
-    const QString unreadable =
-        QStringLiteral("failed: Tallowind's server sent an answer that couldn't be read: ");
-    const QString generic = QStringLiteral("failed: Tallowind's server returned an error (%1).");
-    const QString signedOut = QStringLiteral("failed: Please sign in again.");
-    const QString unreachable =
-        QStringLiteral("failed: Can't reach Tallowind. Check your internet connection.");
+    const QString unreadable = "failed: Tallowind's server sent an answer that couldn't be read: ";
+    const QString signedOut = "failed: Please sign in again.";
+    const QString unreachable = "failed: Can't reach Tallowind. Check your internet connection.";
     const QByteArray start = R"(POST /base/auth/start  {"email":"ada@example.test"})";
     const QByteArray verify = R"(POST /base/auth/verify  {"code":"123456","email":"ada@example.test"})";
     const QByteArray me = "GET /base/me Bearer stored ";
     const char* account = R"({"email":"a@b.test","minutesUsed":3,"minutesLimit":600})";
-    row("sign-in code", "start", "stored", 200, R"({"devCode":"042917"})", "ok: 042917", start, "stored");
-    row("sign-in code not a string", "start", "stored", 200, R"({"devCode":42917})", "ok: (none)", start,
-        "stored");
-    row("refusal with a reason", "start", "stored", 429, R"({"error":"Wait."})", "failed: Wait.", start,
-        "stored");
-    row("verify stores the new token", "verify", "stored", 200, R"({"token":"new","email":"a@b.test"})",
-        "ok: a@b.test", verify, "new");
-    row("verify reply without email", "verify", "stored", 200, R"({"token":"t"})",
-        unreadable + "\"email\" is missing.", verify, "stored");
-    row("verify unauthorized", "verify", "stored", 401, R"({"error":"x"})", signedOut, verify, "");
-    row("body cut off", "verify", "stored", 0, R"({"tok)", unreachable, verify, "stored");
-    row("nothing listens", "account", "stored", -1, "", unreachable, "", "stored");
-    row("account with the stored token", "account", "stored", 200, account, "ok: a@b.test 3/600", me,
-        "stored");
-    row("environment token beats the stored one", "account", "env=tok-1", 200, account, "ok: a@b.test 3/600",
-        "GET /base/me Bearer tok-1 ", "stored");
-    row("empty environment token", "account", "env=", 200, account, "ok: a@b.test 3/600",
-        "GET /base/me Bearer ", "stored");
-    row("no token at all", "account", "none", 200, account, signedOut, "", "");
-    row("unauthorized forgets the stored token", "account", "env=tok-1", 401, R"({"error":"Unknown token."})",
-        signedOut, "GET /base/me Bearer tok-1 ", "");
-    row("server error page", "account", "stored", 500, "<html>", generic.arg(500), me, "stored");
-    row("minutes as 12.0 and 6e2", "account", "stored", 200,
-        R"({"email":"a@b.test","minutesUsed":12.0,"minutesLimit":6e2})", "ok: a@b.test 12/600", me, "stored");
-    row("minutes beyond 32 bits", "account", "stored", 200,
-        R"({"email":"a","minutesUsed":4294967296,"minutesLimit":9007199254740993})",
-        "ok: a 4294967296/9007199254740993", me, "stored");
-    row("fractional minutes", "account", "stored", 200,
-        R"({"email":"a","minutesUsed":12.5,"minutesLimit":6})",
-        unreadable + "\"minutesUsed\" is not a whole number.", me, "stored");
-    row("reply not JSON", "account", "stored", 200, "<html>",
-        unreadable + "not JSON (illegal value at offset 1).", me, "stored");
-    row("speech token", "speech token", "stored", 200, R"({"token":"dg.abc","ttl":30})", "ok: dg.abc",
-        "GET /base/stt-token Bearer stored ", "stored");
-    row("sign out forgets the token though refused", "sign out", "stored", 500, "boom",
+    row("sign-in code", "start", 200, R"({"devCode":"042917"})", "ok: 042917", start);
+    row("sign-in code not a string", "start", 200, R"({"devCode":42917})", "ok: (none)", start);
+    row("refusal with a reason", "start", 429, R"({"error":"Wait."})", "failed: Wait.", start);
+    row("verify stores the new token", "verify", 200, R"({"token":"new","email":"a@b.test"})", "ok: a@b.test",
+        verify, "new");
+    row("verify reply without email", "verify", 200, R"({"token":"t"})", unreadable + "\"email\" is missing.",
+        verify);
+    row("body cut off", "verify", 0, R"({"tok)", unreachable, verify);
+    row("nothing listens", "account", -1, "", unreachable, "");
+    row("environment token beats the stored one", "account", 200, account, "ok: a@b.test 3/600",
+        "GET /base/me Bearer tok-1 ", "stored", "env=tok-1");
+    row("empty environment token", "account", 200, account, "ok: a@b.test 3/600", "GET /base/me Bearer ",
+        "stored", "env=");
+    row("no token at all", "account", 200, account, signedOut, "", "", "none");
+    row("token file read as UTF-8", "account", 200, account, "ok: a@b.test 3/600",
+        "GET /base/me Bearer t0k\xc3\xa9n ", "t0k\xc3\xa9n", "file=t0k\xc3\xa9n");
+    row("token file not UTF-8", "account", 200, account, signedOut, "", "", "file=\xff\xfez");
+    row("unauthorized forgets the stored token", "account", 401, R"({"error":"Unknown token."})", signedOut,
+        "GET /base/me Bearer tok-1 ", "", "env=tok-1");
+    row("server error page", "account", 500, "<html>", "failed: Tallowind's server returned an error (500).",
+        me);
+    row("minutes as 6e2 and beyond 53 bits", "account", 200,
+        R"({"email":"a","minutesUsed":6e2,"minutesLimit":9007199254740993})", "ok: a 600/9007199254740993",
+        me);
+    row("fractional minutes", "account", 200, R"({"email":"a","minutesUsed":12.5,"minutesLimit":6})",
+        unreadable + "\"minutesUsed\" is not a whole number.", me);
+    row("reply not JSON", "account", 200, "<html>", unreadable + "not JSON (illegal value at offset 1).", me);
+    row("speech token", "speech token", 200, R"({"token":"dg.abc","ttl":30})", "ok: dg.abc",
+        "GET /base/stt-token Bearer stored ");
+    row("sign out forgets the token though refused", "sign out", 500, "boom",
         "ok: ", "POST /base/auth/signout Bearer stored ", "");
-    row("sign out with nobody listening", "sign out", "stored", -1, "", "ok: ", "", "");
-    row("usage", "usage 12.5", "stored", 500, "", "sent",
-        R"(POST /base/usage Bearer stored {"sttSeconds":12.5})", "stored");
-    row("usage unauthorized", "usage 2", "stored", 401, "", "sent",
-        R"(POST /base/usage Bearer stored {"sttSeconds":2})", "");
-    row("usage below one second", "usage 0.99", "stored", 200, "", "sent", "", "stored");
-    row("usage not a number", "usage nan", "stored", 200, "", "sent", "", "stored");
+    row("sign out with nobody listening", "sign out", -1, "", "ok: ", "", "");
+    row("usage", "usage 12.5", 500, "", "sent", R"(POST /base/usage Bearer stored {"sttSeconds":12.5})");
+    row("usage below one second", "usage 0.99", 200, "", "sent", "");
+    row("usage not a number", "usage nan", 200, "", "sent", "");
 }
 
 void EndpointsTest::endpointsSendTheirRequestAndReadTheReply() {
@@ -133,6 +108,11 @@ void EndpointsTest::endpointsSendTheirRequestAndReadTheReply() {
     home.environment().set("TALLOWIND_SERVER", url.toString().toUtf8() + "/base/");
     if (token != "none") {
         Keychain::save(QStringLiteral("stored"));
+    }
+    QFile file(Keychain::tokenFilePath());
+    if (token.startsWith("file=")) {
+        QVERIFY(file.open(QIODevice::WriteOnly) && file.write(token.mid(5)) > 0);
+        file.close();
     }
     if (token.startsWith("env=")) {
         home.environment().set("TALLOWIND_TOKEN", token.mid(4));
@@ -176,6 +156,46 @@ void EndpointsTest::endpointsSendTheirRequestAndReadTheReply() {
         QCOMPARE(received.header("user-agent"), "Tallowind/" + Config::appVersion().toUtf8());
     }
     QCOMPARE(Keychain::load().value_or(QString()), kept);
+    QVERIFY(!file.exists() || (file.permissions() & ~(QFileDevice::ReadUser | QFileDevice::WriteUser)) ==
+                                  (QFileDevice::ReadOwner | QFileDevice::WriteOwner));
+}
+
+void EndpointsTest::keychainUsesOnlyTheChosenStore_data() {
+    QTest::addColumn<QByteArray>("choice");
+    QTest::addColumn<bool>("inSecretService");
+    QTest::newRow("file forced") << QByteArray("file") << false;
+    QTest::newRow("secret service forced") << QByteArray("secret-service") << true;
+    QTest::newRow("automatic with a Secret Service") << QByteArray() << true;
+}
+
+void EndpointsTest::keychainUsesOnlyTheChosenStore() {
+    QFETCH(QByteArray, choice);
+    QFETCH(bool, inSecretService);
+    if (!qEnvironmentVariableIsSet("DBUS_SESSION_BUS_ADDRESS")) {
+        QSKIP("needs a session bus with a Secret Service (the test command starts one)");
+    }
+    // How many items the Secret Service holds for the program, as an outside tool sees them.
+    const auto secretItems = [] {
+        QProcess tool;
+        tool.start(QStringLiteral("secret-tool"),
+                   {"search", "--all", "server", "app.tallowind.Tallowind", "user", "session-token"});
+        tool.waitForFinished(5000);
+        return ("\n" + tool.readAllStandardOutput() + tool.readAllStandardError()).count("\n[/");
+    };
+    TestHome home;
+    if (choice.isEmpty()) {
+        home.environment().unset("TALLOWIND_TOKEN_STORE");
+    } else {
+        home.environment().set("TALLOWIND_TOKEN_STORE", choice);
+    }
+    Keychain::save(QStringLiteral("kept"));
+    Keychain::save(QStringLiteral("replaced \u2713"));
+    QCOMPARE(Keychain::load(), std::optional(QStringLiteral("replaced \u2713")));
+    QCOMPARE(QFile::exists(Keychain::tokenFilePath()), !inSecretService);
+    QCOMPARE(secretItems(), inSecretService ? 1 : 0);
+    Keychain::remove();
+    QCOMPARE(Keychain::load(), std::nullopt);
+    QCOMPARE(secretItems(), 0);
 }
 
 QTEST_GUILESS_MAIN(EndpointsTest)

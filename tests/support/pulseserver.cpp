@@ -17,18 +17,16 @@ bool succeeds(const QString& program, const QStringList& arguments, int timeoutM
 
 PulseServer::PulseServer(bool devices) {
     QFile config(dir_.filePath(QStringLiteral("pulse.pa")));
-    if (!config.open(QIODevice::WriteOnly)) {
+    const QByteArray modules =
+        devices ? "load-module module-null-sink sink_name=speakers\n"
+                  "load-module module-null-sink sink_name=micfeed\n"
+                  "load-module module-remap-source source_name=microphone master=micfeed.monitor\n"
+                  "set-default-sink speakers\nset-default-source microphone\n"
+                : "";
+    if (!config.open(QIODevice::WriteOnly) ||
+        config.write("load-module module-native-protocol-unix auth-anonymous=1 socket=" +
+                     dir_.filePath("socket").toUtf8() + "\n" + modules) < 0) {
         return;
-    }
-    config.write("load-module module-native-protocol-unix auth-anonymous=1 socket=" +
-                 dir_.filePath("socket").toUtf8() + "\n");
-    if (devices) {
-        config.write(
-            "load-module module-null-sink sink_name=speakers\n"
-            "load-module module-null-sink sink_name=micfeed\n"
-            "load-module module-remap-source source_name=microphone master=micfeed.monitor\n"
-            "set-default-sink speakers\n"
-            "set-default-source microphone\n");
     }
     config.close();
     // Its own home and runtime folder, so that it shares no cookie, lock or socket with another server;

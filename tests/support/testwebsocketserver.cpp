@@ -1,21 +1,23 @@
 #include "testwebsocketserver.h"
 
-QList<QByteArray> TestWebSocketServer::Connection::payloads(bool binary) const {
-    QList<QByteArray> payloads;
-    for (const Frame& frame : frames) {
-        if (frame.binary == binary) {
-            payloads.append(frame.payload);
-        }
-    }
-    return payloads;
-}
-
 QStringList TestWebSocketServer::Connection::texts() const {
     QStringList texts;
-    for (const QByteArray& text : payloads(false)) {
-        texts.append(QString::fromUtf8(text));
+    for (const Frame& frame : frames) {
+        if (!frame.binary) {
+            texts.append(QString::fromUtf8(frame.payload));
+        }
     }
     return texts;
+}
+
+QList<QByteArray> TestWebSocketServer::Connection::binaries() const {
+    QList<QByteArray> binaries;
+    for (const Frame& frame : frames) {
+        if (frame.binary) {
+            binaries.append(frame.payload);
+        }
+    }
+    return binaries;
 }
 
 TestWebSocketServer::TestWebSocketServer(QObject* parent)
@@ -47,15 +49,21 @@ TestWebSocketServer::TestWebSocketServer(QObject* parent)
                     connections_[index].closeCode = socket->closeCode();
                 }
             });
-            connect(socket, &QWebSocket::disconnected, this, [this, index, socket] {
-                connections_[index].open = false;
-                socket->deleteLater();
-            });
+            connect(socket, &QWebSocket::disconnected, this,
+                    [this, index] { connections_[index].open = false; });
             for (const QString& message : std::as_const(greeting_)) {
                 socket->sendTextMessage(message);
             }
         }
     });
+}
+
+// Before server_, which takes the sockets' connections with it.
+TestWebSocketServer::~TestWebSocketServer() {
+    for (QWebSocket* socket : std::as_const(sockets_)) {
+        socket->disconnect(this);
+        delete socket;
+    }
 }
 
 bool TestWebSocketServer::listen(quint16 port) {
@@ -67,21 +75,4 @@ bool TestWebSocketServer::listen(quint16 port) {
 int TestWebSocketServer::openConnections() const {
     return int(std::count_if(connections_.cbegin(), connections_.cend(),
                              [](const Connection& c) { return c.open; }));
-}
-
-void TestWebSocketServer::sendText(int connection, const QString& message) {
-    if (sockets_.value(connection)) {
-        sockets_[connection]->sendTextMessage(message);
-    }
-}
-
-void TestWebSocketServer::sendBinary(int connection, const QByteArray& message) {
-    if (sockets_.value(connection)) {
-        sockets_[connection]->sendBinaryMessage(message);
-    }
-}
-
-void TestWebSocketServer::drop(int connection) {
-    connections_[connection].open = false;
-    sockets_.value(connection)->abort();
 }

@@ -1,7 +1,6 @@
 #pragma once
 
 #include <QMap>
-#include <QPointer>
 #include <QWebSocket>
 #include <QWebSocketServer>
 
@@ -17,8 +16,6 @@ public:
     struct Frame {
         bool binary = false;
         QByteArray payload;  // text frames as UTF-8
-
-        friend bool operator==(const Frame&, const Frame&) = default;
     };
 
     struct Connection {
@@ -30,11 +27,11 @@ public:
 
         QByteArray header(const QByteArray& name) const { return headers.value(name.toLower()); }
         QStringList texts() const;
-        QList<QByteArray> binaries() const { return payloads(true); }
-        QList<QByteArray> payloads(bool binary) const;
+        QList<QByteArray> binaries() const;
     };
 
     explicit TestWebSocketServer(QObject* parent = nullptr);
+    ~TestWebSocketServer() override;
 
     // Port 0 picks a free one; listening again after close() with the port of before reopens the address.
     bool listen(quint16 port = 0);
@@ -48,10 +45,15 @@ public:
 
     const QList<Connection>& connections() const { return connections_; }
     int openConnections() const;
-    void sendText(int connection, const QString& message);
-    void sendBinary(int connection, const QByteArray& message);
+    void sendText(int connection, const QString& text) { sockets_.at(connection)->sendTextMessage(text); }
+    void sendBinary(int connection, const QByteArray& data) {
+        sockets_.at(connection)->sendBinaryMessage(data);
+    }
     // Cuts the TCP connection off without a closing handshake.
-    void drop(int connection);
+    void drop(int connection) {
+        connections_[connection].open = false;  // no close code from a cut connection
+        sockets_.at(connection)->abort();
+    }
 
 signals:
     void frameReceived(int connection);
@@ -61,5 +63,5 @@ private:
     quint16 port_ = 0;
     QStringList greeting_;
     QList<Connection> connections_;
-    QList<QPointer<QWebSocket>> sockets_;
+    QList<QWebSocket*> sockets_;  // kept until the server goes: sending to a closed one is harmless
 };
