@@ -7,15 +7,10 @@
 
 #include <httplib.h>
 
-server::ServerConfig RunningServer::devConfig() {
-    server::ServerConfig config;
-    config.devMode = true;
-    return config;
-}
-
 RunningServer::RunningServer(server::ServerConfig config) : config_(std::move(config)) {
     config_.host = "127.0.0.1";
     config_.port = 0;
+    config_.devMode = config_.smtpUrl.empty();
     config_.dataDir = dataDir_.path().toStdString();
     if (config_.databaseUrl.empty() && qgetenv("TALLOWIND_TEST_STORE") == "postgresql") {
         config_.databaseUrl = PostgresCluster::shared().newDatabase();

@@ -18,10 +18,9 @@
 // database of a private PostgreSQL instead of SQLite.
 class RunningServer {
 public:
-    explicit RunningServer(server::ServerConfig config = devConfig());
+    // Without a mail server, sign-in codes come back in the reply.
+    explicit RunningServer(server::ServerConfig config = {});
     ~RunningServer() { stop(); }
-
-    static server::ServerConfig devConfig();
 
     int port() const { return port_; }  // 0 when the server did not start
     void advance(std::chrono::seconds by) { offset_ += by.count(); }

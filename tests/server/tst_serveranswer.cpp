@@ -37,14 +37,6 @@ const QByteArray question =
     R"(- Led the fix of a production outage in the signalling system",)"
     R"("jobDescription":"We run a payments platform on Kubernetes.","extraInstructions":"Keep it under a minute."})";
 
-// What one answer stream delivered: its text pieces, with how many model responses had completed when each
-// arrived, and "done" or the error message it ended with.
-struct Answer {
-    QStringList pieces;
-    QList<int> modelDoneAtPiece;
-    QString end;
-};
-
 }  // namespace
 
 Q_DECLARE_METATYPE(TestHttpServer::Response)
@@ -59,7 +51,7 @@ private:
 
     void startServer(const QString& modelUrl,
                      std::chrono::milliseconds timeout = std::chrono::milliseconds(1500)) {
-        auto config = RunningServer::devConfig();
+        server::ServerConfig config;
         config.llmUrl = modelUrl.toStdString();
         config.llmKey = "upstream-key";
         config.llmModel = modelUrl.isEmpty() ? "" : "test-model";
@@ -67,32 +59,22 @@ private:
         server_ = std::make_unique<RunningServer>(config);
     }
 
-    // Asks for an answer and reads its events as they come; hangs up after `piecesWanted` pieces.
-    Answer ask(int piecesWanted = -1) {
-        Answer answer;
-        QByteArray buffer;
-        const auto event = [&](const QJsonObject& data) {
-            if (data["type"] == "text") {
-                answer.pieces.append(data["text"].toString());
-                answer.modelDoneAtPiece.append(modelDone_);
-            } else {
-                answer.end = data["type"] == "done" ? "done" : data["message"].toString();
+    // What the answer stream said: its text pieces, and "done" or the error message it ended with.
+    // `onPiece` sees the body as it comes.
+    std::pair<QStringList, QString> ask(BodyPiece onPiece = {}) {
+        const HttpCall call =
+            awaitReply(httpAsync(server_->port(), "POST", "/answer",
+                                 devSignIn(server_->port(), "pat@example.org"), question, onPiece));
+        std::pair<QStringList, QString> said{{}, "status " + QString::number(call.status)};
+        for (const QByteArray& line : call.body.split('\n')) {
+            const QJsonObject event = QJsonDocument::fromJson(line.mid(6)).object();
+            if (event["type"] == "text") {
+                said.first.append(event["text"].toString());
+            } else if (!event.isEmpty()) {
+                said.second = event["type"] == "done" ? "done" : event["message"].toString();
             }
-        };
-        const HttpCall call = awaitReply(httpAsync(
-            server_->port(), "POST", "/answer", devSignIn(server_->port(), "pat@example.org"), question,
-            [&](const QByteArray& piece) {
-                for (buffer += piece; buffer.contains("\n\n"); buffer.remove(0, buffer.indexOf("\n\n") + 2)) {
-                    if (!buffer.startsWith(':')) {
-                        event(QJsonDocument::fromJson(buffer.left(buffer.indexOf("\n\n")).mid(6)).object());
-                    }
-                }
-                return answer.pieces.size() != piecesWanted;
-            }));
-        if (piecesWanted < 0 && (call.status != 200 || call.contentType != "text/event-stream")) {
-            answer.end = "status " + QString::number(call.status);
         }
-        return answer;
+        return said;
     }
 
 private slots:
@@ -107,12 +89,17 @@ private slots:
         model_->respondWith(
             modelStream({{"I led", 0}, {" the fix", 200}, {" of\n- the outage", 200}, {".", 1000}}));
         startServer(model_->url().toString() + "/v1");
-        const Answer answer = ask();
-        QCOMPARE(answer.end, QStringLiteral("done"));
-        QCOMPARE(answer.pieces, (QStringList{"I led", " the fix", " of\n- the outage", "."}));
+        QList<int> modelDoneAtPiece;
+        const auto [pieces, end] = ask([&](const QByteArray& piece) {
+            for (auto texts = piece.count(R"("type":"text")"); texts > 0; --texts) {
+                modelDoneAtPiece.append(modelDone_);
+            }
+            return true;
+        });
+        QCOMPARE(end, QStringLiteral("done"));
+        QCOMPARE(pieces, (QStringList{"I led", " the fix", " of\n- the outage", "."}));
         // The first three pieces were passed on before the model had sent its last one.
-        QCOMPARE(answer.modelDoneAtPiece.mid(0, 3), (QList<int>{0, 0, 0}));
-
+        QCOMPARE(modelDoneAtPiece.mid(0, 3), (QList<int>{0, 0, 0}));
         const auto& request = model_->received().last();
         QCOMPARE(request.method + ' ' + request.target + ' ' + request.header("authorization"),
                  "POST /v1/chat/completions Bearer upstream-key");
@@ -166,15 +153,15 @@ private slots:
         // Port 1 on loopback: nothing of ours listens there.
         startServer(QTest::currentDataTag() == QByteArray("nobody listening") ? "http://127.0.0.1:1"
                                                                               : model_->url().toString());
-        const Answer answer = ask();
-        QCOMPARE(answer.pieces, pieces);
-        QVERIFY2(answer.end.startsWith(message), qPrintable(answer.end));
+        const auto [said, end] = ask();
+        QCOMPARE(said, pieces);
+        QVERIFY2(end.startsWith(message), qPrintable(end));
     }
 
     void anAbandonedAnswerStopsTheModelRequest() {
         model_->respondWith(modelStream({{"First", 0}, {" second", 3000}, {" third", 3000}}));
         startServer(model_->url().toString());
-        QCOMPARE(ask(1).pieces, QStringList{"First"});
+        QCOMPARE(ask([](const QByteArray&) { return false; }).first, QStringList{"First"});
         // The server notices the hang-up while the model is silent and drops its own request, long before
         // the model's 1.5 s time-out or its end.
         QTRY_COMPARE_WITH_TIMEOUT(model_->abandoned(), 1, 1200);
@@ -199,9 +186,9 @@ private slots:
 
     void theOfflineEngineAnswersFromTheMostRelevantResumeLines() {
         startServer({});
-        const Answer answer = ask();
-        const QString text = answer.pieces.join(QString());
-        QVERIFY(answer.end == "done" && answer.pieces.size() > 3 && text.startsWith("I'm answering offline"));
+        const auto [pieces, end] = ask();
+        const QString text = pieces.join(QString());
+        QVERIFY(end == "done" && pieces.size() > 3 && text.startsWith("I'm answering offline"));
         QVERIFY2(
             text.endsWith("question:\n\n- Led the fix of a production outage in the signalling system\n"),
             qPrintable(text));

@@ -70,7 +70,6 @@ private:
     FakeSmtpServer smtp_;
     QTemporaryDir releases_;
 
-    // Codes come back in the reply unless the settings name a mail server.
     void play(const QStringList& settings, const Script& script) {
         std::vector<std::string> arguments;
         for (QString setting : settings) {
@@ -81,7 +80,6 @@ private:
         }
         auto config = std::get<server::ServerConfig>(
             server::parseServerConfig(arguments, [](const std::string&) { return std::nullopt; }));
-        config.devMode = config.smtpUrl.empty();
         RunningServer server(config);
         QVERIFY(server.port() != 0);
         std::string token;
@@ -109,8 +107,8 @@ private:
                 QVERIFY(reply.status < 400 || reply.contentType == "application/json");
                 if (path == "/auth/start" && reply.status == 200) {
                     const auto mailed = smtp_.received().lastIndexOf("sign-in code is ");
-                    code = config.devMode ? reply.json()["devCode"].toString().toLatin1()
-                                          : smtp_.received().mid(mailed + 16, 6);
+                    code = config.smtpUrl.empty() ? reply.json()["devCode"].toString().toLatin1()
+                                                  : smtp_.received().mid(mailed + 16, 6);
                 }
                 if (path == "/auth/verify" && reply.status == 200) {
                     token = reply.json()["token"].toString().toStdString();
@@ -158,34 +156,31 @@ private slots:
         const QByteArray wrong = "That code isn't right.";
         const QByteArray me = "GET /me";
 
-        row("start: invalid UTF-8", {{start("a\xff@b.co"), 400, "The request body isn't valid JSON."}});
-        row("start: an array", {{R"(POST /auth/start ["a@b.co"])", 400, "must be a JSON object."}});
-        row("start: no email", {{"POST /auth/start {}", 400, R"(The request lacks the field \"email\".)"}});
-        row("start: email a number",
-            {{R"(POST /auth/start {"email":5})", 400, R"(\"email\" must be a string.)"}});
-        row("start: not an address", {{start("nobody"), 400, "Enter a valid e-mail address."}});
-        row("start: oversized", {{start(QByteArray(2 << 20, 'a')), 413, "accepts at most 1048576 bytes."}});
-        row("verify: nothing requested", {{verify("a@b.co", "123456"), 400, expired}});
+        row("a sign-in needs an e-mail address in a JSON object",
+            {{start("a\xff@b.co"), 400, "The request body isn't valid JSON."},
+             {R"(POST /auth/start ["a@b.co"])", 400, "must be a JSON object."},
+             {"POST /auth/start {}", 400, R"(The request lacks the field \"email\".)"},
+             {R"(POST /auth/start {"email":5})", 400, R"(\"email\" must be a string.)"},
+             {start("nobody"), 400, "Enter a valid e-mail address."},
+             {start(QByteArray(2 << 20, 'a')), 413, "accepts at most 1048576 bytes."},
+             {verify("a@b.co", "123456"), 400, expired}});
         row("every account request needs a known token", {{"GET /stt-token", 401, signedOut},
                                                           {"token " + QByteArray(64, 'f')},
                                                           {me, 401, signedOut},
                                                           {"POST /auth/signout {}", 401, signedOut},
                                                           {R"(POST /usage {"sttSeconds":5})", 401, signedOut},
                                                           {answer({}, {}), 401, signedOut}});
-        row("usage: no seconds", signedIn({{"POST /usage {}", 400, R"(lacks the field \"sttSeconds\")"}}));
-        row("usage: seconds as text",
-            signedIn({{R"(POST /usage {"sttSeconds":"5"})", 400, "must be a number."}}));
-        row("usage: under a second", signedIn({{R"(POST /usage {"sttSeconds":0.5})", 400, seconds}}));
-        row("usage: more than a report holds",
-            signedIn({{R"(POST /usage {"sttSeconds":121})", 400, seconds}}));
-        row("answer: blank question",
-            signedIn({{answer("Why us?", " \\n "), 400, "There is no question to answer."}}));
-        row("answer: transcript a string",
-            signedIn({{answer(R"([{"speaker":"interviewer","text":"Hi"}])", R"("Hi")"), 400,
-                       "must be a list of lines"}}));
-        row("answer: unknown speaker", signedIn({{answer("interviewer", "narrator"), 400, line}}));
-        row("answer: line without text", signedIn({{answer(R"(,"text":"Hi")", ""), 400, line}}));
-        row("unknown path", signedIn({{"GET /admin", 404, nothing}}));
+        row("a usage report needs 1 to 120 seconds, and a question its transcript of lines",
+            signedIn({{"POST /usage {}", 400, R"(lacks the field \"sttSeconds\")"},
+                      {R"(POST /usage {"sttSeconds":"5"})", 400, "must be a number."},
+                      {R"(POST /usage {"sttSeconds":0.5})", 400, seconds},
+                      {R"(POST /usage {"sttSeconds":121})", 400, seconds},
+                      {answer("Why us?", " \\n "), 400, "There is no question to answer."},
+                      {answer(R"([{"speaker":"interviewer","text":"Hi"}])", R"("Hi")"), 400,
+                       "must be a list of lines"},
+                      {answer("interviewer", "narrator"), 400, line},
+                      {answer(R"(,"text":"Hi")", ""), 400, line},
+                      {"GET /admin", 404, nothing}}));
         row("releases from their folder, and nothing beside it",
             {{"GET /releases/latest.json", 200, R"({"version":"1.2.0"})"},
              {"GET /releases/../tallowind.sqlite3", 404, nothing}},
@@ -239,11 +234,12 @@ private slots:
                       {me, 200, R"("minutesUsed":1)"},
                       {"wait 2764800"},
                       {me, 200, R"("minutesUsed":0)"}}));
-        row("signing out revokes the token",
-            signedIn({{"POST /auth/signout {}", 200}, {me, 401, signedOut}}));
-        row("tokens and minutes survive a restart",
-            signedIn(
-                {{R"(POST /usage {"sttSeconds":120})", 200}, {"restart"}, {me, 200, R"("minutesUsed":2)"}}));
+        row("tokens and minutes survive a restart, and signing out revokes the token",
+            signedIn({{R"(POST /usage {"sttSeconds":120})", 200},
+                      {"restart"},
+                      {me, 200, R"("minutesUsed":2)"},
+                      {"POST /auth/signout {}", 200},
+                      {me, 401, signedOut}}));
         row("the speech token needs a key",
             signedIn({{"GET /stt-token", 503, "Speech recognition is not set up"}}));
         row("the speech token needs minutes left",
@@ -275,11 +271,9 @@ private slots:
                 received += socket.readAll();
             }
         }
-        const QRegularExpression statuses(QStringLiteral("HTTP/1.1 (400) .*HTTP/1.1 (200) .*HTTP/1.1 (401) "),
+        const QRegularExpression statuses("^HTTP/1.1 400 .*needs a JSON object.*HTTP/1.1 200 .*HTTP/1.1 401 ",
                                           QRegularExpression::DotMatchesEverythingOption);
         QVERIFY2(statuses.match(QString::fromLatin1(received)).hasMatch(), received.constData());
-        QVERIFY(received.contains("The request needs a JSON object as its body."));
-        QCOMPARE(received.count("HTTP/1.1 "), 3);
     }
 
     void racingUsageReportsLoseNoSeconds() {

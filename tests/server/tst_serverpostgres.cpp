@@ -16,7 +16,7 @@ private:
 
     // Both servers start at the same moment on a new database, so that they race to create its schema.
     void startServers(int codesPerEmail) {
-        auto config = RunningServer::devConfig();
+        server::ServerConfig config;
         config.databaseUrl = cluster_.newDatabase();
         config.codesPerEmail = codesPerEmail;
         QVERIFY2(!config.databaseUrl.empty(), qPrintable(cluster_.failure()));
