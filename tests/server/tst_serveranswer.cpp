@@ -10,23 +10,20 @@
 
 namespace {
 
-QByteArray delta(const QString& text) {
-    const QJsonObject choice{{"delta", QJsonObject{{"content", text}}}};
-    return "data: " +
-           QJsonDocument(QJsonObject{{"choices", QJsonArray{choice}}}).toJson(QJsonDocument::Compact) +
-           "\n\n";
+// `text` goes into the JSON as it stands: escape what JSON needs.
+QByteArray delta(const QByteArray& text) {
+    return R"(data: {"choices":[{"delta":{"content":")" + text + "\"}}]}\n\n";
 }
 
 // A model that streams `pieces`, each after its delay, then "[DONE]". Models open with a delta that
 // carries the role and empty content, and some close with a delta whose content is null: neither is text.
-TestHttpServer::Response modelStream(const QList<QPair<QString, int>>& pieces) {
-    QList<TestHttpServer::Piece> body{{R"(data: {"choices":[{"delta":{"role":"assistant","content":""}}]})"
-                                       "\n\n",
-                                       0}};
+TestHttpServer::Response modelStream(const QList<QPair<QByteArray, int>>& pieces) {
+    QList<TestHttpServer::Piece> body{
+        {delta("").replace(R"({"content")", R"({"role":"assistant","content")"), 0}};
     for (const auto& [text, delayMs] : pieces) {
         body.append({delta(text), delayMs});
     }
-    body.append({"data: {\"choices\":[{\"delta\":{\"content\":null}}]}\n\ndata: [DONE]\n\n", 0});
+    body.append({delta("").replace(R"("")", "null") + "data: [DONE]\n\n", 0});
     return TestHttpServer::Response::stream(body);
 }
 
@@ -87,7 +84,7 @@ private slots:
 
     void theModelGetsTheWholePromptAndItsPiecesStreamInOrder() {
         model_->respondWith(
-            modelStream({{"I led", 0}, {" the fix", 200}, {" of\n- the outage", 200}, {".", 1000}}));
+            modelStream({{"I led", 0}, {" the fix", 200}, {" of\\n- the outage", 200}, {".", 1000}}));
         startServer(model_->url().toString() + "/v1");
         QList<int> modelDoneAtPiece;
         const auto [pieces, end] = ask([&](const QByteArray& piece) {

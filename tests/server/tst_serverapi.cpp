@@ -15,7 +15,7 @@
 namespace {
 
 // One line of a script: "METHOD PATH [BODY]" with its status and a piece of the reply's body, or
-// "token TOKEN", "wait SECONDS", "restart", "mail TEXT" (the mail server received TEXT).
+// "wait SECONDS", "restart", "mail TEXT" (the mail server received TEXT).
 // "$code" stands for the newest sign-in code and "$wrong" for another one.
 struct Step {
     Step(QByteArray request, int status = 0, QByteArray reply = {})
@@ -89,9 +89,7 @@ private:
             QByteArray rest = step.request.mid(verb.size() + 1)
                                   .replace("$code", code)
                                   .replace("$wrong", code == "000000" ? "000001" : "000000");
-            if (verb == "token") {
-                token = rest.toStdString();
-            } else if (verb == "wait") {
+            if (verb == "wait") {
                 server.advance(std::chrono::seconds(rest.toLongLong()));
             } else if (verb == "restart") {
                 server.restart();
@@ -156,20 +154,15 @@ private slots:
         const QByteArray wrong = "That code isn't right.";
         const QByteArray me = "GET /me";
 
-        row("a sign-in needs an e-mail address in a JSON object",
-            {{start("a\xff@b.co"), 400, "The request body isn't valid JSON."},
+        row("a sign-in needs an e-mail address in a JSON object, and the account a token",
+            {{"GET /stt-token", 401, signedOut},
+             {start("a\xff@b.co"), 400, "The request body isn't valid JSON."},
              {R"(POST /auth/start ["a@b.co"])", 400, "must be a JSON object."},
              {"POST /auth/start {}", 400, R"(The request lacks the field \"email\".)"},
              {R"(POST /auth/start {"email":5})", 400, R"(\"email\" must be a string.)"},
              {start("nobody"), 400, "Enter a valid e-mail address."},
              {start(QByteArray(2 << 20, 'a')), 413, "accepts at most 1048576 bytes."},
              {verify("a@b.co", "123456"), 400, expired}});
-        row("every account request needs a known token", {{"GET /stt-token", 401, signedOut},
-                                                          {"token " + QByteArray(64, 'f')},
-                                                          {me, 401, signedOut},
-                                                          {"POST /auth/signout {}", 401, signedOut},
-                                                          {R"(POST /usage {"sttSeconds":5})", 401, signedOut},
-                                                          {answer({}, {}), 401, signedOut}});
         row("a usage report needs 1 to 120 seconds, and a question its transcript of lines",
             signedIn({{"POST /usage {}", 400, R"(lacks the field \"sttSeconds\")"},
                       {R"(POST /usage {"sttSeconds":"5"})", 400, "must be a number."},
@@ -234,12 +227,16 @@ private slots:
                       {me, 200, R"("minutesUsed":1)"},
                       {"wait 2764800"},
                       {me, 200, R"("minutesUsed":0)"}}));
-        row("tokens and minutes survive a restart, and signing out revokes the token",
+        row("tokens and minutes survive a restart, and signing out revokes the token everywhere",
             signedIn({{R"(POST /usage {"sttSeconds":120})", 200},
                       {"restart"},
                       {me, 200, R"("minutesUsed":2)"},
                       {"POST /auth/signout {}", 200},
-                      {me, 401, signedOut}}));
+                      {me, 401, signedOut},
+                      {"POST /auth/signout {}", 401, signedOut},
+                      {R"(POST /usage {"sttSeconds":5})", 401, signedOut},
+                      {"GET /stt-token", 401, signedOut},
+                      {answer({}, {}), 401, signedOut}}));
         row("the speech token needs a key",
             signedIn({{"GET /stt-token", 503, "Speech recognition is not set up"}}));
         row("the speech token needs minutes left",
