@@ -252,24 +252,31 @@ private slots:
         play(settings, script);
     }
 
-    // curl -X POST sends neither a body nor a length; the connection must stay in step.
-    void aPostWithoutBodyOrLengthIsAnEmptyBody() {
+    // curl -X POST sends neither a body nor a length; the connection must stay in step, and stay open
+    // after an answer stream.
+    void aConnectionStaysInStepThroughBodilessPostsAndAnswers() {
         RunningServer server;
         const QByteArray auth =
             "Authorization: Bearer " + QByteArray::fromStdString(devSignIn(server.port(), "r@b.co"));
         QTcpSocket socket;
         socket.connectToHost(QStringLiteral("127.0.0.1"), static_cast<quint16>(server.port()));
         QByteArray received;
-        for (const QByteArray request : {"POST /usage", "POST /auth/signout", "GET /me"}) {
-            socket.write(request + " HTTP/1.1\r\nHost: x\r\n" + auth + "\r\n\r\n");
+        for (const QByteArray request : {"POST /usage", "POST /answer", "POST /auth/signout", "GET /me"}) {
+            const QByteArray body = request == "POST /answer" ? answerBody : QByteArray();
+            socket.write(
+                request + " HTTP/1.1\r\nHost: x\r\n" + auth + "\r\n" +
+                (body.isEmpty() ? "" : "Content-Length: " + QByteArray::number(body.size()) + "\r\n") +
+                "\r\n" + body);
             const auto before = received.count("HTTP/1.1 ");
-            while ((received.count("HTTP/1.1 ") == before || !received.endsWith('}')) &&
+            while ((received.count("HTTP/1.1 ") == before ||
+                    !(received.endsWith('}') || received.endsWith("0\r\n\r\n"))) &&
                    socket.waitForReadyRead(3000)) {
                 received += socket.readAll();
             }
         }
-        const QRegularExpression statuses("^HTTP/1.1 400 .*needs a JSON object.*HTTP/1.1 200 .*HTTP/1.1 401 ",
-                                          QRegularExpression::DotMatchesEverythingOption);
+        const QRegularExpression statuses(
+            "^HTTP/1.1 400 .*needs a JSON object.*HTTP/1.1 200 .*\"done\".*HTTP/1.1 200 .*HTTP/1.1 401 ",
+            QRegularExpression::DotMatchesEverythingOption);
         QVERIFY2(statuses.match(QString::fromLatin1(received)).hasMatch(), received.constData());
     }
 
