@@ -7,7 +7,6 @@
 #include <QTemporaryDir>
 
 #include <atomic>
-#include <chrono>
 #include <functional>
 #include <future>
 #include <memory>
@@ -15,20 +14,16 @@
 #include <thread>
 
 // The backend server on a free loopback port inside the test process, with its data in a temporary
-// folder and a clock the test moves. With TALLOWIND_TEST_STORE=postgresql and no database configured,
-// each server gets a fresh database of a private PostgreSQL instead of SQLite.
+// folder. With TALLOWIND_TEST_STORE=postgresql and no database configured, each server gets a fresh
+// database of a private PostgreSQL instead of SQLite.
 class RunningServer {
 public:
-    explicit RunningServer(server::ServerConfig config = devConfig());
+    // Without a mail server, sign-in codes come back in the reply.
+    explicit RunningServer(server::ServerConfig config = {});
     ~RunningServer() { stop(); }
-    RunningServer(const RunningServer&) = delete;
-    RunningServer& operator=(const RunningServer&) = delete;
-
-    static server::ServerConfig devConfig();
 
     int port() const { return port_; }  // 0 when the server did not start
     void advance(std::chrono::seconds by) { offset_ += by.count(); }
-    // Stops and starts the server again over the same data.
     void restart() {
         stop();
         start();
@@ -40,6 +35,9 @@ private:
 
     QTemporaryDir dataDir_;
     server::ServerConfig config_;
+    // The server's clock stands still but for advance(), so that a slow machine never carries a test
+    // across a deadline it means to stop just short of, or into the next month.
+    const std::chrono::system_clock::time_point startedAt_ = std::chrono::system_clock::now();
     std::atomic<long long> offset_ = 0;
     std::unique_ptr<server::HttpServer> server_;
     std::thread thread_;
@@ -57,8 +55,8 @@ struct HttpCall {
 // Called on the request's thread with each piece of the response body; false hangs up.
 using BodyPiece = std::function<bool(const QByteArray& piece)>;
 
-// One HTTP exchange with a loopback server, made with cpp-httplib on a thread of its own, so that tests
-// can send what the program's own client never would. `token` goes out as a bearer token unless empty.
+// One HTTP exchange with a loopback server on a thread of its own, so that tests can send what the
+// program's own client never would. `token` goes out as a bearer token unless empty.
 std::future<HttpCall> httpAsync(int port, const std::string& method, const std::string& path,
                                 const std::string& token = {}, const QByteArray& body = {},
                                 BodyPiece onPiece = {});

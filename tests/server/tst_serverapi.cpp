@@ -15,7 +15,7 @@
 namespace {
 
 // One line of a script: "METHOD PATH [BODY]" with its status and a piece of the reply's body, or
-// "signin EMAIL", "token TOKEN", "wait SECONDS", "restart", "mail TEXT" (the mail server received TEXT).
+// "wait SECONDS", "restart", "mail TEXT" (the mail server received TEXT).
 // "$code" stands for the newest sign-in code and "$wrong" for another one.
 struct Step {
     Step(QByteArray request, int status = 0, QByteArray reply = {})
@@ -34,34 +34,23 @@ public:
             QTcpSocket* socket = nextPendingConnection();
             socket->write("220 fake\r\n");
             connect(socket, &QTcpSocket::readyRead, socket, [this, socket] {
-                while (socket->canReadLine()) {
-                    reply(socket, socket->readLine());
+                for (QByteArray line; socket->canReadLine();) {
+                    received_ += line = socket->readLine();
+                    if (!inData_ || line == ".\r\n") {
+                        const bool bounced = line.startsWith("RCPT") && line.contains("bounce");
+                        socket->write(line.startsWith("DATA") ? "354 go on\r\n"
+                                      : bounced               ? "550 no such mailbox\r\n"
+                                                              : "250 ok\r\n");
+                    }
+                    inData_ = line.startsWith("DATA") || (inData_ && line != ".\r\n");
                 }
             });
         });
         listen(QHostAddress::LocalHost);
     }
     const QByteArray& received() const { return received_; }
-    QByteArray lastCode() const {
-        const qsizetype at = received_.lastIndexOf("sign-in code is ");
-        return at < 0 ? QByteArray() : received_.mid(at + 16, 6);
-    }
 
 private:
-    void reply(QTcpSocket* socket, const QByteArray& line) {
-        received_ += line;
-        if (inData_) {
-            inData_ = line != ".\r\n";
-            socket->write(inData_ ? "" : "250 queued\r\n");
-        } else if (line.startsWith("DATA")) {
-            inData_ = true;
-            socket->write("354 go on\r\n");
-        } else {
-            socket->write(line.startsWith("RCPT") && line.contains("bounce") ? "550 no such mailbox\r\n"
-                                                                             : "250 ok\r\n");
-        }
-    }
-
     QByteArray received_;
     bool inData_ = false;
 };
@@ -81,55 +70,46 @@ private:
     FakeSmtpServer smtp_;
     QTemporaryDir releases_;
 
-    // Codes come back in the reply unless the settings name a mail server.
     void play(const QStringList& settings, const Script& script) {
         std::vector<std::string> arguments;
         for (QString setting : settings) {
-            setting.replace(QStringLiteral("$speech"), speechService_.url().toString())
-                .replace(QStringLiteral("$smtp"), QString::number(smtp_.serverPort()))
-                .replace(QStringLiteral("$releases"), releases_.path());
-            arguments.push_back(setting.toStdString());
+            arguments.push_back(setting.replace("$speech", speechService_.url().toString())
+                                    .replace("$smtp", QString::number(smtp_.serverPort()))
+                                    .replace("$releases", releases_.path())
+                                    .toStdString());
         }
-        auto parsed = server::parseServerConfig(arguments, [](const std::string&) { return std::nullopt; });
-        auto& config = std::get<server::ServerConfig>(parsed);
-        config.devMode = config.smtpUrl.empty();
+        auto config = std::get<server::ServerConfig>(
+            server::parseServerConfig(arguments, [](const std::string&) { return std::nullopt; }));
         RunningServer server(config);
         QVERIFY(server.port() != 0);
         std::string token;
         QByteArray code;
         for (const Step& step : script) {
-            const qsizetype space = step.request.indexOf(' ');
-            const QByteArray verb = space < 0 ? step.request : step.request.left(space);
-            QByteArray rest = step.request.mid(space + 1)
+            const QByteArray verb = step.request.split(' ').first();
+            QByteArray rest = step.request.mid(verb.size() + 1)
                                   .replace("$code", code)
                                   .replace("$wrong", code == "000000" ? "000001" : "000000");
-            if (verb == "signin") {
-                token = devSignIn(server.port(), rest.toStdString());
-                QVERIFY(!token.empty());
-            } else if (verb == "token") {
-                token = rest.toStdString();
-            } else if (verb == "wait") {
+            if (verb == "wait") {
                 server.advance(std::chrono::seconds(rest.toLongLong()));
             } else if (verb == "restart") {
                 server.restart();
             } else if (verb == "mail") {
                 QVERIFY2(smtp_.received().contains(rest), smtp_.received().constData());
             } else {
-                const QByteArray path = rest.left(rest.indexOf(' ') < 0 ? rest.size() : rest.indexOf(' '));
+                const QByteArray path = rest.split(' ').first();
                 const HttpCall reply = httpCall(server.port(), verb.toStdString(), path.toStdString(), token,
                                                 rest.mid(path.size() + 1));
                 QVERIFY2(reply.status == step.status && reply.body.contains(step.reply),
                          qPrintable(step.request.left(200) + " -> " + QByteArray::number(reply.status) + ' ' +
                                     reply.body.left(300)));
-                if (reply.status >= 400) {
-                    QCOMPARE(reply.contentType, std::string("application/json"));
-                }
-                const QString devCode = reply.json().value(QStringLiteral("devCode")).toString();
+                QVERIFY(reply.status < 400 || reply.contentType == "application/json");
                 if (path == "/auth/start" && reply.status == 200) {
-                    code = devCode.isEmpty() ? smtp_.lastCode() : devCode.toLatin1();
+                    const auto mailed = smtp_.received().lastIndexOf("sign-in code is ");
+                    code = config.smtpUrl.empty() ? reply.json()["devCode"].toString().toLatin1()
+                                                  : smtp_.received().mid(mailed + 16, 6);
                 }
                 if (path == "/auth/verify" && reply.status == 200) {
-                    token = reply.json().value(QStringLiteral("token")).toString().toStdString();
+                    token = reply.json()["token"].toString().toStdString();
                 }
             }
         }
@@ -144,11 +124,8 @@ private slots:
                                                         R"({"access_token":"short-lived","expires_in":60})")
                        : TestHttpServer::Response::json(401, "{}");
         });
-        for (const auto& [name, bytes] : {std::pair{"latest.json", QByteArray(R"({"version":"1.2.0"})")},
-                                          std::pair{"Tallowind-1.2.0.zip", QByteArray("PK\x03\x04 zip")}}) {
-            QFile file(releases_.filePath(QString::fromLatin1(name)));
-            QVERIFY(file.open(QIODevice::WriteOnly) && file.write(bytes) == bytes.size());
-        }
+        QFile latest(releases_.filePath("latest.json"));
+        QVERIFY(latest.open(QIODevice::WriteOnly) && latest.write(R"({"version":"1.2.0"})") > 0);
     }
 
     void requestsGetTheirStatusAndReply_data() {
@@ -163,71 +140,55 @@ private slots:
         const auto verify = [](const QByteArray& email, const QByteArray& code) {
             return "POST /auth/verify {\"email\":\"" + email + "\",\"code\":\"" + code + "\"}";
         };
-        const auto signedIn = [](const Script& script) { return Script{{"signin q@b.co"}} + script; };
+        const auto signedIn = [&](const Script& script) {
+            return Script{{start("q@b.co"), 200}, {verify("q@b.co", "$code"), 200}} + script;
+        };
         const auto answer = [](const QByteArray& replace, const QByteArray& with) {
             return "POST /answer " + QByteArray(answerBody).replace(replace, with);
         };
-        const QByteArray notJson = "The request body isn't valid JSON.";
         const QByteArray signedOut = "Your sign-in has ended. Sign in again.";
         const QByteArray seconds = R"(The field \"sttSeconds\" must be from 1 to 120 seconds.)";
         const QByteArray line = R"(Each transcript line needs a \"speaker\" (\"interviewer\" or \"me\"))";
         const QByteArray nothing = "There is nothing at this address on the Tallowind server.";
         const QByteArray expired = "This code has expired or was already used. Request a new code.";
-        const QByteArray wrong = "That code isn't right. Check the e-mail and try again.";
-        const QByteArray tooMany = "Too many sign-in codes were requested.";
+        const QByteArray wrong = "That code isn't right.";
         const QByteArray me = "GET /me";
-        const QByteArray unknownToken = "token " + QByteArray(64, 'f');
 
-        row("start: empty body", {{"POST /auth/start", 400, "The request needs a JSON object as its body."}});
-        row("start: invalid UTF-8", {{start("a\xff@b.co"), 400, notJson}});
-        row("start: an array", {{R"(POST /auth/start ["a@b.co"])", 400, "must be a JSON object."}});
-        row("start: no email", {{"POST /auth/start {}", 400, R"(The request lacks the field \"email\".)"}});
-        row("start: email a number",
-            {{R"(POST /auth/start {"email":5})", 400, R"(\"email\" must be a string.)"}});
-        row("start: not an address", {{start("nobody"), 400, "Enter a valid e-mail address."}});
-        row("start: oversized", {{start(QByteArray(2 << 20, 'a')), 413, "accepts at most 1048576 bytes."}});
-        row("verify: no code",
-            {{R"(POST /auth/verify {"email":"a@b.co"})", 400, R"(lacks the field \"code\")"}});
-        row("verify: nothing requested", {{verify("a@b.co", "123456"), 400, expired}});
-        row("sign-out: unknown token", {{unknownToken}, {"POST /auth/signout {}", 401, signedOut}});
-        row("me: unknown token", {{unknownToken}, {me, 401, signedOut}});
-        row("speech token: no token", {{"GET /stt-token", 401, signedOut}});
-        row("usage: no seconds", signedIn({{"POST /usage {}", 400, R"(lacks the field \"sttSeconds\")"}}));
-        row("usage: seconds as text",
-            signedIn({{R"(POST /usage {"sttSeconds":"5"})", 400, "must be a number."}}));
-        row("usage: under a second", signedIn({{R"(POST /usage {"sttSeconds":0.5})", 400, seconds}}));
-        row("usage: more than a report holds",
-            signedIn({{R"(POST /usage {"sttSeconds":121})", 400, seconds}}));
-        row("answer: no token", {{answer({}, {}), 401, signedOut}});
-        row("answer: no question",
-            signedIn({{answer(R"("question":"Why us?",)", ""), 400, "lacks the field"}}));
-        row("answer: blank question",
-            signedIn({{answer("Why us?", " \\n "), 400, "There is no question to answer."}}));
-        row("answer: transcript a string",
-            signedIn({{answer(R"([{"speaker":"interviewer","text":"Hi"}])", R"("Hi")"), 400,
-                       "must be a list of lines"}}));
-        row("answer: unknown speaker", signedIn({{answer("interviewer", "narrator"), 400, line}}));
-        row("answer: line without text", signedIn({{answer(R"(,"text":"Hi")", ""), 400, line}}));
-        row("answer: an event stream that ends with done",
-            signedIn({{answer({}, {}), 200, R"(data: {"type":"done"})"}}));
-        row("unknown path", signedIn({{"GET /admin", 404, nothing}}));
-        row("releases when none are configured", {{"GET /releases/latest.json", 404, nothing}});
+        row("a sign-in needs an e-mail address in a JSON object, and the account a token",
+            {{"GET /stt-token", 401, signedOut},
+             {start("a\xff@b.co"), 400, "The request body isn't valid JSON."},
+             {R"(POST /auth/start ["a@b.co"])", 400, "must be a JSON object."},
+             {"POST /auth/start {}", 400, R"(The request lacks the field \"email\".)"},
+             {R"(POST /auth/start {"email":5})", 400, R"(\"email\" must be a string.)"},
+             {start("nobody"), 400, "Enter a valid e-mail address."},
+             {start(QByteArray(2 << 20, 'a')), 413, "accepts at most 1048576 bytes."},
+             {verify("a@b.co", "123456"), 400, expired}});
+        row("a usage report needs 1 to 120 seconds, and a question its transcript of lines",
+            signedIn({{"POST /usage {}", 400, R"(lacks the field \"sttSeconds\")"},
+                      {R"(POST /usage {"sttSeconds":"5"})", 400, "must be a number."},
+                      {R"(POST /usage {"sttSeconds":0.5})", 400, seconds},
+                      {R"(POST /usage {"sttSeconds":121})", 400, seconds},
+                      {answer("Why us?", " \\n "), 400, "There is no question to answer."},
+                      {answer(R"([{"speaker":"interviewer","text":"Hi"}])", R"("Hi")"), 400,
+                       "must be a list of lines"},
+                      {answer("interviewer", "narrator"), 400, line},
+                      {answer(R"(,"text":"Hi")", ""), 400, line},
+                      {"GET /admin", 404, nothing}}));
         row("releases from their folder, and nothing beside it",
             {{"GET /releases/latest.json", 200, R"({"version":"1.2.0"})"},
-             {"GET /releases/Tallowind-1.2.0.zip", 200, "PK\x03\x04 zip"},
              {"GET /releases/../tallowind.sqlite3", 404, nothing}},
             {"--releases=$releases"});
 
         row("a development code signs in once, for the address as typed",
             {{start("Ada@Example.org "), 200, R"("devCode")"},
-             {verify("ada@example.org", "$wrong"), 400, wrong},
              {verify("ada@example.org", " $code "), 200, R"("email":"ada@example.org")"},
              {me, 200, R"({"email":"ada@example.org","minutesLimit":600,"minutesUsed":0})"},
              {verify("ada@example.org", "$code"), 400, expired}});
-        row("a code works just under ten minutes",
-            {{start("c@b.co"), 200}, {"wait 599"}, {verify("c@b.co", "$code"), 200}});
-        row("a code expires after ten minutes",
-            {{start("c@b.co"), 200}, {"wait 600"}, {verify("c@b.co", "$code"), 400, expired}});
+        row("a code lasts ten minutes", {{start("c@b.co"), 200},
+                                         {"wait 599"},
+                                         {verify("c@b.co", "$wrong"), 400, wrong},
+                                         {"wait 1"},
+                                         {verify("c@b.co", "$code"), 400, expired}});
         Script tries{{start("d@b.co"), 200}};
         for (int attempt = 1; attempt < 5; ++attempt) {
             tries.append({verify("d@b.co", "$wrong"), 400, wrong});
@@ -240,9 +201,9 @@ private slots:
         row("codes are limited per address and per machine, over a sliding hour",
             {{start("f@b.co"), 200},
              {start("f@b.co"), 200},
-             {start("f@b.co"), 429, tooMany},
+             {start("f@b.co"), 429, "Too many sign-in codes were requested."},
              {start("g@b.co"), 200},
-             {start("n@b.co"), 429, tooMany},
+             {start("n@b.co"), 429},
              {"wait 3601"},
              {start("f@b.co"), 200}},
             {"--codes-per-email=2", "--codes-per-address=4"});
@@ -264,16 +225,18 @@ private slots:
                       {me, 200, R"("minutesUsed":0)"},
                       {R"(POST /usage {"sttSeconds":1})", 200},
                       {me, 200, R"("minutesUsed":1)"},
-                      {R"(POST /usage {"sttSeconds":60})", 200},
-                      {R"(POST /usage {"sttSeconds":59.5})", 200},
-                      {me, 200, R"("minutesUsed":3)"},
                       {"wait 2764800"},
                       {me, 200, R"("minutesUsed":0)"}}));
-        row("signing out revokes the token",
-            signedIn({{"POST /auth/signout {}", 200}, {me, 401, signedOut}}));
-        row("tokens and minutes survive a restart",
-            signedIn(
-                {{R"(POST /usage {"sttSeconds":120})", 200}, {"restart"}, {me, 200, R"("minutesUsed":2)"}}));
+        row("tokens and minutes survive a restart, and signing out revokes the token everywhere",
+            signedIn({{R"(POST /usage {"sttSeconds":120})", 200},
+                      {"restart"},
+                      {me, 200, R"("minutesUsed":2)"},
+                      {"POST /auth/signout {}", 200},
+                      {me, 401, signedOut},
+                      {"POST /auth/signout {}", 401, signedOut},
+                      {R"(POST /usage {"sttSeconds":5})", 401, signedOut},
+                      {"GET /stt-token", 401, signedOut},
+                      {answer({}, {}), 401, signedOut}}));
         row("the speech token needs a key",
             signedIn({{"GET /stt-token", 503, "Speech recognition is not set up"}}));
         row("the speech token needs minutes left",
@@ -289,57 +252,46 @@ private slots:
         play(settings, script);
     }
 
-    // curl -X POST sends neither a body nor a length; the connection must stay in step.
-    void aPostWithoutBodyOrLengthIsAnEmptyBody() {
+    // curl -X POST sends neither a body nor a length; the connection must stay in step, and stay open
+    // after an answer stream.
+    void aConnectionStaysInStepThroughBodilessPostsAndAnswers() {
         RunningServer server;
         const QByteArray auth =
-            "Authorization: Bearer " + QByteArray::fromStdString(devSignIn(server.port(), "rae@example.org"));
+            "Authorization: Bearer " + QByteArray::fromStdString(devSignIn(server.port(), "r@b.co"));
         QTcpSocket socket;
         socket.connectToHost(QStringLiteral("127.0.0.1"), static_cast<quint16>(server.port()));
-        QVERIFY(socket.waitForConnected(3000));
         QByteArray received;
-        for (const QByteArray request : {"POST /usage", "POST /auth/signout", "GET /me"}) {
-            socket.write(request + " HTTP/1.1\r\nHost: x\r\n" + auth + "\r\n\r\n");
+        for (const QByteArray request : {"POST /usage", "POST /answer", "POST /auth/signout", "GET /me"}) {
+            const QByteArray body = request == "POST /answer" ? answerBody : QByteArray();
+            socket.write(
+                request + " HTTP/1.1\r\nHost: x\r\n" + auth + "\r\n" +
+                (body.isEmpty() ? "" : "Content-Length: " + QByteArray::number(body.size()) + "\r\n") +
+                "\r\n" + body);
             const auto before = received.count("HTTP/1.1 ");
-            while ((received.count("HTTP/1.1 ") == before || !received.endsWith('}')) &&
+            while ((received.count("HTTP/1.1 ") == before ||
+                    !(received.endsWith('}') || received.endsWith("0\r\n\r\n"))) &&
                    socket.waitForReadyRead(3000)) {
                 received += socket.readAll();
             }
         }
-        QStringList statuses;
-        for (auto it = QRegularExpression(QStringLiteral("HTTP/1.1 (\\d+)"))
-                           .globalMatch(QString::fromLatin1(received));
-             it.hasNext();) {
-            statuses.append(it.next().captured(1));
-        }
-        QCOMPARE(statuses, (QStringList{"400", "200", "401"}));
-        QVERIFY(received.contains("The request needs a JSON object as its body."));
+        const QRegularExpression statuses(
+            "^HTTP/1.1 400 .*needs a JSON object.*HTTP/1.1 200 .*\"done\".*HTTP/1.1 200 .*HTTP/1.1 401 ",
+            QRegularExpression::DotMatchesEverythingOption);
+        QVERIFY2(statuses.match(QString::fromLatin1(received)).hasMatch(), received.constData());
     }
 
     void racingUsageReportsLoseNoSeconds() {
         RunningServer server;
-        const std::string token = devSignIn(server.port(), "uma@example.org");
-        std::vector<std::future<int>> reporters;
-        for (int i = 0; i < 20; ++i) {
-            reporters.push_back(std::async(std::launch::async, [&] {
-                int accepted = 0;
-                for (int report = 0; report < 15; ++report) {
-                    accepted += httpAsync(server.port(), "POST", "/usage", token, R"({"sttSeconds":2})")
-                                    .get()
-                                    .status == 200;
-                }
-                return accepted;
-            }));
+        const std::string token = devSignIn(server.port(), "u@b.co");
+        std::vector<std::future<HttpCall>> reports;
+        for (int i = 0; i < 40; ++i) {
+            reports.push_back(httpAsync(server.port(), "POST", "/usage", token, R"({"sttSeconds":15})"));
         }
-        for (auto& reporter : reporters) {
-            QCOMPARE(reporter.get(), 15);
+        for (auto& report : reports) {
+            QCOMPARE(report.get().status, 200);
         }
         // 600 seconds: a single lost report would leave 9 minutes.
-        QCOMPARE(httpCall(server.port(), "GET", "/me", token)
-                     .json()
-                     .value(QStringLiteral("minutesUsed"))
-                     .toInteger(),
-                 10);
+        QCOMPARE(httpCall(server.port(), "GET", "/me", token).json()["minutesUsed"].toInt(), 10);
     }
 };
 

@@ -14,18 +14,15 @@ private slots:
         QTest::addColumn<QByteArray>("body");
         QTest::addColumn<std::vector<std::string>>("lines");
 
-        QTest::newRow("line feeds") << QByteArray("data: a\n\ndata: b\n")
-                                    << std::vector<std::string>{"data: a", "", "data: b"};
-        QTest::newRow("carriage return and line feed")
-            << QByteArray("data: a\r\n\r\ndata: b\r\n") << std::vector<std::string>{"data: a", "", "data: b"};
-        QTest::newRow("lone carriage returns")
-            << QByteArray("data: a\r\rdata: b\r") << std::vector<std::string>{"data: a", "", "data: b"};
-        QTest::newRow("no terminator at the end")
-            << QByteArray("data: a\ndata: [DONE]") << std::vector<std::string>{"data: a", "data: [DONE]"};
-        QTest::newRow("multi-byte text")
-            << QByteArray("data: {\"content\":\"caf\xc3\xa9 \xe2\x80\xa6\"}\n")
-            << std::vector<std::string>{"data: {\"content\":\"caf\xc3\xa9 \xe2\x80\xa6\"}"};
-        QTest::newRow("empty body") << QByteArray() << std::vector<std::string>{};
+        const auto row = [](const char* name, const QByteArray& body, const std::vector<std::string>& lines) {
+            QTest::newRow(name) << body << lines;
+        };
+        row("line feeds", "data: a\n\ndata: b\n", {"data: a", "", "data: b"});
+        row("carriage return and line feed", "data: a\r\n\r\ndata: b\r\n", {"data: a", "", "data: b"});
+        row("lone carriage returns", "data: a\r\rdata: b\r", {"data: a", "", "data: b"});
+        row("no terminator at the end", "data: a\ndata: [DONE]", {"data: a", "data: [DONE]"});
+        row("multi-byte text", "data: caf\xc3\xa9 \xe2\x80\xa6\n", {"data: caf\xc3\xa9 \xe2\x80\xa6"});
+        row("empty body", {}, {});
     }
 
     void linesAreTheSameWhereverTheBodyIsCut() {
