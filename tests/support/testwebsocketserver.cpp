@@ -54,6 +54,7 @@ TestWebSocketServer::TestWebSocketServer(QObject* parent)
             for (const QString& message : std::as_const(greeting_)) {
                 socket->sendTextMessage(message);
             }
+            emit connectionOpened(index);
         }
     });
 }

@@ -56,6 +56,7 @@ public:
     }
 
 signals:
+    void connectionOpened(int connection);
     void frameReceived(int connection);
 
 private:
