@@ -1,20 +1,9 @@
 #pragma once
 
-#include <QByteArray>
-#include <QList>
-#include <QMetaType>
+#include <QByteArrayList>
 
-// An entry of a test archive: a file, a folder (name ending in "/") or a symbolic link (`data` is its
-// target), with Unix permission bits unless `mode` is 0.
-struct TestZipEntry {
-    enum class Kind { file, folder, link };
-    QByteArray name;
-    QByteArray data;
-    int mode = 0;
-    Kind kind = Kind::file;
-};
-using TestZipEntries = QList<TestZipEntry>;
-Q_DECLARE_METATYPE(TestZipEntries)
-
-// The bytes of a zip archive of `entries`, names taken as they are (so "../x" and "/abs" can be made).
-QByteArray makeZip(const TestZipEntries& entries);
+// The bytes of a zip archive with one entry per line, written as the extraction test lists what it finds:
+// "name" or "name mode" for a file holding `contents`, "name/ mode" for a folder, "name -> target" for a
+// symbolic link; modes in octal, none stored when absent. Names go in as they are, so "../x" and "/abs"
+// can be made.
+QByteArray makeZip(const QByteArrayList& entries, const QByteArray& contents = "data");
