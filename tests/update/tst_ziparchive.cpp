@@ -14,41 +14,24 @@ class ZipArchiveTest : public QObject {
 
 private slots:
     void unpacksBundlesAndRefusesArchivesReachingOutside_data() {
-        QTest::addColumn<QByteArrayList>("entries");
-        QTest::addColumn<bool>("damaged");  // one byte of the first entry's data flipped
-        QTest::addColumn<QString>("unpacked");
-        const QString refused = u"refused"_s;
+        QTest::addColumn<QByteArray>("entries");
+        QTest::addColumn<QByteArray>("unpacked");
+        const QByteArray refused = "refused";
         QTest::newRow("a bundle keeps its permission bits and its links, also through \"..\" inside it")
-            << QByteArrayList{"T.app/ 755",
-                              "T.app/lib/ 700",
-                              "T.app/bin/t 755",
-                              "T.app/lib/x.so.1 640",
-                              "T.app/lib/x.so -> x.so.1",
-                              "T.app/share -> lib/../bin",
-                              "notes"}
-            << false
-            << u"T.app 755, T.app/bin 755, T.app/bin/t 755, T.app/lib 700, T.app/lib/x.so -> x.so.1, "
-               "T.app/lib/x.so.1 640, T.app/share -> lib/../bin, notes 666"_s;
-        QTest::newRow("a damaged entry") << QByteArrayList{"t 755"} << true << refused;
-        QTest::newRow("a path climbing out") << QByteArrayList{"t", "T.app/../../x"} << false << refused;
-        QTest::newRow("an absolute path") << QByteArrayList{"t", "/abs"} << false << refused;
-        QTest::newRow("a link climbing out")
-            << QByteArrayList{"t", "T.app/out -> ../../x"} << false << refused;
-        QTest::newRow("a link leading out through another link")
-            << QByteArrayList{"here -> .", "out -> here/.."} << false << refused;
-        QTest::newRow("a file written through links leading out")
-            << QByteArrayList{"here -> .", "out -> here/..", "out/evil"} << false << refused;
+            << "T.app/ 755, T.app/lib/ 700, T.app/bin/t 755, T.app/lib/x.so.1 640, notes, "
+               "T.app/lib/x.so -> x.so.1, T.app/share -> lib/../bin"_ba
+            << "T.app 755, T.app/bin 755, T.app/bin/t 755, T.app/lib 700, T.app/lib/x.so -> x.so.1, "
+               "T.app/lib/x.so.1 640, T.app/share -> lib/../bin, notes 666"_ba;
+        QTest::newRow("a path climbing out") << "t, T.app/../../x"_ba << refused;
+        QTest::newRow("an absolute path") << "t, /abs"_ba << refused;
+        QTest::newRow("a link climbing out") << "t, T.app/out -> ../../x"_ba << refused;
+        QTest::newRow("a link leading out through another link") << "here -> ., out -> here/.."_ba << refused;
+        QTest::newRow("a file where a link goes") << "out/x, out -> ."_ba << refused;
     }
     void unpacksBundlesAndRefusesArchivesReachingOutside() {
-        QFETCH(QByteArrayList, entries);
-        QFETCH(bool, damaged);
-        QFETCH(QString, unpacked);
-        QByteArray bytes = makeZip(entries);
-        if (damaged) {
-            // Past the 30-byte local header and the name: the data no longer matches its checksum.
-            const qsizetype data = 30 + entries[0].indexOf(' ') + 2;
-            bytes[data] = char(bytes[data] ^ 0x5a);
-        }
+        QFETCH(QByteArray, entries);
+        QFETCH(QByteArray, unpacked);
+        const QByteArray bytes = makeZip(entries);
         // The work folder sits two levels down, so that an escape stays inside the test's own folder.
         QTemporaryDir root;
         const std::string work = QFile::encodeName(root.filePath(u"outer/work"_s)).toStdString();
@@ -56,18 +39,18 @@ private slots:
         QVERIFY(fs::create_directories(work) && archive.open(QIODevice::WriteOnly) &&
                 archive.write(bytes) == bytes.size());
         archive.close();
-        QStringList found{u"refused"_s};
+        QByteArrayList found{"refused"};
         if (ZipArchive::extract(archive.fileName(), QString::fromStdString(work))) {
             found.clear();
             for (const fs::directory_entry& entry : fs::recursive_directory_iterator(work)) {
-                found << QString::fromStdString(entry.path().lexically_relative(work)) +
+                found << QByteArray::fromStdString(entry.path().lexically_relative(work)) +
                              (entry.is_symlink()
-                                  ? u" -> "_s + QString::fromStdString(fs::read_symlink(entry))
-                                  : u' ' + QString::number(int(entry.status().permissions()) & 0777, 8));
+                                  ? " -> " + QByteArray::fromStdString(fs::read_symlink(entry))
+                                  : ' ' + QByteArray::number(int(entry.status().permissions()) & 0777, 8));
             }
         }
-        found.sort();
-        QCOMPARE(found.join(u", "_s), unpacked);
+        std::sort(found.begin(), found.end());
+        QCOMPARE(found.join(", "), unpacked);
     }
 };
 
