@@ -23,12 +23,6 @@ QByteArray release(const QString& version, const QByteArray& zip, const QString&
     return uR"({"version":"%1","zip":"%2","sha256":"%3","notes":"Fixes."})"_s.arg(version, at, sha).toUtf8();
 }
 
-QString closedAddress() {
-    TestHttpServer gone;
-    gone.listen();
-    return gone.url().toString();
-}
-
 // Answers every dialog with `answer`, noting it down as "message|informative text|buttons".
 struct AnsweringDialogs : UpdateDialogs {
     int run(const UpdateDialog& dialog) override {
@@ -111,6 +105,11 @@ private slots:
         const auto failed = [&](const char* why) { return QStringList{accepted, u"Update failed|"_s + why}; };
         const QByteArray bundle = makeZip("Tallowind.app/bin/tallowind 755");
         const char* app = "opt/Tallowind.app/bin/tallowind";
+        const QString closed = [] {
+            TestHttpServer gone;
+            gone.listen();
+            return gone.url().toString();
+        }();
         row("error page", app, {}, {}, {unreadable});
         row("a release without its digest", app, uR"({"version":"99","zip":"T.zip"})"_s, {}, {unreadable});
         row("up to date", app, Config::appVersion(), {},
@@ -119,8 +118,7 @@ private slots:
         row("not run from bin/", "opt/Tallowind.app/lib/tallowind", newer, bundle, package);
         row("in a bundle of another name", "opt/Tallowind-old.app/bin/tallowind", newer, bundle, package);
         row("bad link", app, newer + u" http://[::1"_s, bundle, failed("Bad update link."));
-        row("transfer fails", app, newer + u' ' + closedAddress() + u"/T.zip"_s, bundle,
-            failed("Connection refused"));
+        row("transfer fails", app, newer + u' ' + closed + u"/T.zip"_s, bundle, failed("Connection refused"));
         row("something else instead of the archive", app, newer + u" x.zip"_s, bundle,
             failed("The download was damaged."));
         row("not an archive", app, newer, "not a zip", failed("Couldn't unpack the update."));
@@ -139,9 +137,9 @@ private slots:
         rig.archive = archive;
         rig.dialogs->answer = archive.isEmpty() ? 1 : 0;
         const QStringList offer = serves.split(u' ');  // no manifest here holds a space
-        const bool literal = serves.isEmpty() || serves.startsWith(u'{');
-        rig.manifest =
-            literal ? serves.toUtf8() : release(offer[0], archive, offer.value(1, u"releases/T.zip"_s));
+        rig.manifest = serves.isEmpty() || serves.startsWith(u'{')
+                           ? serves.toUtf8()
+                           : release(offer[0], archive, offer.value(1, u"releases/T.zip"_s));
         rig.updater.check(true);
         QTest::qWait(300);  // long enough for a dialog too many to show
         QTRY_COMPARE(rig.dialogs->shown.size(), shown.size());
@@ -181,8 +179,7 @@ private slots:
 
         // The script polls every 0.2 seconds; while the program runs, its bundle stays as it is.
         QTest::qWait(700);
-        QVERIFY(QFileInfo(program).dir().exists() && !QFile::exists(program) &&
-                !QDir(rig.temporary).isEmpty());
+        QVERIFY(!QFile::exists(program) && !QDir(rig.temporary).isEmpty());
         running.kill();
         QVERIFY(running.waitForFinished());
         QTRY_VERIFY(QFile::exists(program + u".started"_s));

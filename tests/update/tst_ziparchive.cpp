@@ -36,8 +36,7 @@ private slots:
         QTemporaryDir root;
         const std::string work = QFile::encodeName(root.filePath(u"outer/work"_s)).toStdString();
         QFile archive(root.filePath(u"a.zip"_s));
-        QVERIFY(fs::create_directories(work) && archive.open(QIODevice::WriteOnly) &&
-                archive.write(bytes) == bytes.size());
+        QVERIFY(fs::create_directories(work) && archive.open(QFile::WriteOnly) && archive.write(bytes) > 0);
         archive.close();
         QByteArrayList found{"refused"};
         if (ZipArchive::extract(archive.fileName(), QString::fromStdString(work))) {
