@@ -13,7 +13,7 @@ namespace {
 
 const QString portalPath = "/org/freedesktop/portal/desktop";
 
-// Like the desktop's, answers each call with a Response signal on the request's object: the one it is told.
+// The desktop's GlobalShortcuts portal: each call gets the Response it is told to give.
 class FakePortal : public QDBusVirtualObject {
 public:
     bool handleMessage(const QDBusMessage& message, const QDBusConnection& connection) override {
