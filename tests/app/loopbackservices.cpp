@@ -22,10 +22,9 @@ LoopbackServices::LoopbackServices() {
     QObject::connect(questions, &QTimer::timeout, &speech_, [this] {
         for (int index = 0; index < speech_.connections().size(); ++index) {
             if (speech_.connections()[index].open) {
-                speech_.sendText(index,
-                                 QStringLiteral(R"({"type":"Results","is_final":true,"speech_final":true,)"
-                                                R"("channel":{"alternatives":[{"transcript":)"
-                                                R"("What is a project you are proud of?"}]}})"));
+                speech_.sendText(
+                    index, R"({"type":"Results","is_final":true,"speech_final":true,"channel":)"
+                           R"({"alternatives":[{"transcript":"What is a project you are proud of?"}]}})");
             }
         }
     });
@@ -33,18 +32,15 @@ LoopbackServices::LoopbackServices() {
 }
 
 QProcessEnvironment LoopbackServices::environment(QProcessEnvironment base) const {
-    base.insert(QStringLiteral("TALLOWIND_SERVER"), backend_.url().toString());
-    base.insert(QStringLiteral("TALLOWIND_STT_URL"), speech_.url().toString());
-    base.insert(QStringLiteral("TALLOWIND_TOKEN"), QStringLiteral("session-token"));
+    base.insert("TALLOWIND_SERVER", backend_.url().toString());
+    base.insert("TALLOWIND_STT_URL", speech_.url().toString());
+    base.insert("TALLOWIND_TOKEN", "session-token");
     return base;
 }
 
 QList<TestHttpServer::Received> LoopbackServices::requests(const QByteArray& path) const {
-    QList<TestHttpServer::Received> found;
-    for (const auto& request : backend_.received()) {
-        if (request.target.split('?').first() == path) {
-            found.append(request);
-        }
-    }
+    QList<TestHttpServer::Received> found = backend_.received();
+    found.removeIf(
+        [&](const TestHttpServer::Received& request) { return request.target.split('?').first() != path; });
     return found;
 }

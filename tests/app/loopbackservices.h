@@ -6,17 +6,15 @@
 #include <QProcessEnvironment>
 
 // Our backend and the speech service as the desktop program meets them during a call, on loopback: the
-// backend answers every request (a speech token, the account, a short streamed answer, an empty object
-// for the rest); every speech connection hears a question every few seconds.
+// backend answers every request (a speech token, the account, a short streamed answer, an empty object for
+// the rest); every speech connection hears a question every few seconds.
 class LoopbackServices {
 public:
     LoopbackServices();
 
     TestWebSocketServer& speech() { return speech_; }
-    // The program's environment pointed at both, signed in with a token.
     QProcessEnvironment environment(
         QProcessEnvironment base = QProcessEnvironment::systemEnvironment()) const;
-    // The requests the backend received for `path`.
     QList<TestHttpServer::Received> requests(const QByteArray& path) const;
 
 private:
