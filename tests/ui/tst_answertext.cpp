@@ -1,7 +1,6 @@
 #include "answertext.h"
 
 #include <QLabel>
-#include <QLayout>
 #include <QTest>
 
 using Block = AnswerText::Block;
@@ -31,14 +30,6 @@ QString describe(const QList<Run>& runs) {
                    run.text;
     }
     return out.join(" | "_L1);
-}
-
-QList<QWidget*> rowWidgets(AnswerText& text) {
-    QList<QWidget*> out;
-    for (int i = 0; i < text.layout()->count(); ++i) {
-        out << text.layout()->itemAt(i)->widget();
-    }
-    return out;
 }
 
 }  // namespace
@@ -108,19 +99,19 @@ void AnswerTextTest::inlineStyling() {
 void AnswerTextTest::streamingReusesUnchangedRows() {
     AnswerText text;
     text.setMarkdown(u"Intro `x<y`\n- first"_s);
-    const QList<QWidget*> before = rowWidgets(text);
+    const QList<QWidget*> before = text.findChildren<QWidget*>(Qt::FindDirectChildrenOnly);
     QCOMPARE(before.size(), 2);
     QVERIFY(qobject_cast<QLabel*>(before[0])->text().contains(u"Intro <span style=\"font-family:"_s));
 
     text.setMarkdown(u"Intro `x<y`\n- first item\n- second"_s);
-    const QList<QWidget*> grown = rowWidgets(text);
+    const QList<QWidget*> grown = text.findChildren<QWidget*>(Qt::FindDirectChildrenOnly);
     QCOMPARE(grown.size(), 3);
     QCOMPARE(grown.mid(0, 2), before);
     QVERIFY(grown[1]->findChildren<QLabel*>().last()->text().contains(u"first item"_s));
 
     // A block that changes its kind gets a new row; the rows after the last block go.
     text.setMarkdown(u"Intro `x<y`\n```\nlet x"_s);
-    const QList<QWidget*> replaced = rowWidgets(text);
+    const QList<QWidget*> replaced = text.findChildren<QWidget*>(Qt::FindDirectChildrenOnly);
     QCOMPARE(replaced.size(), 2);
     QCOMPARE(replaced[0], before[0]);
     QVERIFY(!before.contains(replaced[1]));
