@@ -107,8 +107,6 @@ void SettingsViewTest::controlsAndSettingsFollowEachOther_data() {
     QTest::newRow("click-through switched on")
         << QByteArray("clickThrough") << QVariant::fromValue(Qt::Key_Space) << QVariant(true)
         << QVariant(true);
-    QTest::newRow("an opacity set elsewhere moves the slider")
-        << QByteArray("overlayOpacity") << QVariant(0.55) << QVariant(550) << QVariant(0.55);
     QTest::newRow("a stored opacity below the range shows at the left end and is not rewritten")
         << QByteArray("overlayOpacity") << QVariant(0.2) << QVariant(400) << QVariant(0.2);
 }
