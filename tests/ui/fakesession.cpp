@@ -2,7 +2,7 @@
 
 #include <QCoreApplication>
 
-FakeSession::FakeSession() : settings_(dir_.filePath(QStringLiteral("settings.ini"))) {
+FakeSession::FakeSession() {
     settings_.setAutoAnswer(false);
     SessionController::Parts parts;
     parts.settings = &settings_;

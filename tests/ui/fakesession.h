@@ -19,13 +19,9 @@ public:
 
     // Both captures running and both streams connected (the microphone's only when it is used).
     void listen();
-    void hear(Speaker speaker, const QString& text) { report(speaker, SpeechStream::Event::interim(text)); }
-    void say(Speaker speaker, const QString& text) {
-        report(speaker, SpeechStream::Event::final(text, true));
-    }
-    void failStream(Speaker speaker, const QString& why) {
-        report(speaker, SpeechStream::Event::failed(why));
-    }
+    void hear(Speaker who, const QString& text) { report(who, SpeechStream::Event::interim(text)); }
+    void say(Speaker who, const QString& text) { report(who, SpeechStream::Event::final(text, true)); }
+    void failStream(Speaker who, const QString& why) { report(who, SpeechStream::Event::failed(why)); }
     void ask(const QString& question) { session_->ask(question); }
     void answerPiece(const QString& text) { backend_->answers.back()->piece(text); }
     void answerFails(const QString& why) {
@@ -36,7 +32,7 @@ private:
     void report(Speaker speaker, const SpeechStream::Event& event);
 
     QTemporaryDir dir_;
-    AppSettings settings_;
+    AppSettings settings_{dir_.filePath(QStringLiteral("settings.ini"))};
     FakeStreams streams_;
     std::shared_ptr<FakeCapture::Record> system_ = std::make_shared<FakeCapture::Record>();
     std::shared_ptr<FakeCapture::Record> mic_ = std::make_shared<FakeCapture::Record>();

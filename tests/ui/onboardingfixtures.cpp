@@ -21,10 +21,7 @@ DevServer::DevServer() {
 
 DevServer::~DevServer() {
     process_.terminate();
-    if (!process_.waitForFinished(10'000)) {
-        process_.kill();
-        process_.waitForFinished();
-    }
+    process_.waitForFinished(10'000);
 }
 
 void FakePermissions::check(std::function<void(Permissions::Grants)> answer) {

@@ -12,8 +12,6 @@ class DevServer {
 public:
     DevServer();
     ~DevServer();
-    DevServer(const DevServer&) = delete;
-    DevServer& operator=(const DevServer&) = delete;
 
     // Empty when the server did not come up within a few seconds.
     QUrl url() const { return url_; }

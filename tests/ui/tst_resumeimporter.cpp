@@ -20,13 +20,12 @@ QByteArray pdfOf(const QStringList& pages) {
     QPdfWriter writer(&buffer);
     QPainter painter(&writer);
     painter.setFont(QFont(u"DejaVu Sans"_s, 12));
-    for (qsizetype page = 0; page < pages.size(); ++page) {
-        if (page > 0) {
+    for (const QString& page : pages) {
+        if (&page != &pages.first()) {
             writer.newPage();
         }
-        const QStringList lines = pages[page].split(u'\n');
-        for (qsizetype line = 0; line < lines.size(); ++line) {
-            painter.drawText(800, 1000 + 400 * int(line), lines[line]);
+        for (int line = 0; const QString& text : page.split(u'\n')) {
+            painter.drawText(800, 1000 + 400 * line++, text);
         }
     }
     painter.end();

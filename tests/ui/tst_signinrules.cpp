@@ -19,10 +19,8 @@ void SignInRulesTest::emailIsCheckedTrimmedAndLowerCased_data() {
     // Whether a code can be asked for, the address sent for it, and the one sent with the code.
     QTest::addColumn<QString>("typed");
     QTest::addColumn<QString>("sent");
-    QTest::newRow("capitals and trailing spaces: trimmed for the code, also lower-cased after")
-        << u"Ann.Lee@Example.COM  "_s << u"yes|Ann.Lee@Example.COM|ann.lee@example.com"_s;
-    QTest::newRow("tabs and no-break, thin and ideographic spaces are trimmed at both ends")
-        << u"\t\u00a0ann@example.com\u2009\u3000"_s << u"yes|ann@example.com|ann@example.com"_s;
+    QTest::newRow("spaces of every kind trimmed at the ends for the code, capitals lowered after")
+        << u"\t\u00a0Ann.Lee@Example.COM\u2009\u3000"_s << u"yes|Ann.Lee@Example.COM|ann.lee@example.com"_s;
     QTest::newRow("line breaks and spaces inside stay")
         << u"\nann @example.com\r\n"_s << u"yes|\nann @example.com\r\n|\nann @example.com\r\n"_s;
     QTest::newRow("an address without @ cannot be sent")
@@ -43,9 +41,8 @@ void SignInRulesTest::codeCountsOnlyItsNumbers_data() {
     // The digits sent, and whether they can be.
     QTest::addColumn<QString>("typed");
     QTest::addColumn<QString>("sent");
-    QTest::newRow("three pairs separated by spaces count as six digits") << u"12 34 56"_s << u"123456 yes"_s;
-    QTest::newRow("dashes and letters around the digits do not count")
-        << u"code: 123-456."_s << u"123456 yes"_s;
+    QTest::newRow("spaces, dashes and letters around the digits do not count")
+        << u"code: 12 34-56."_s << u"123456 yes"_s;
     QTest::newRow("seven digits are too many") << u"1234567"_s << u"1234567 no"_s;
     QTest::newRow("five digits are too few") << u"12345"_s << u"12345 no"_s;
     QTest::newRow("digits of other scripts are numbers too")
