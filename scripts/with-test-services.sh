@@ -4,7 +4,7 @@
 # private HOME; stops them when the command ends. scripts/test.sh runs ctest this way; run a single test
 # the same way:
 #
-#   scripts/with-test-services.sh ctest --test-dir build -R tst_overlaypanel --output-on-failure
+#   scripts/with-test-services.sh ctest --test-dir build -R tst_appdelegate --output-on-failure
 set -euo pipefail
 
 work=$(mktemp -d)
