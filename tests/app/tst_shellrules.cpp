@@ -1,0 +1,27 @@
+#include "shellrules.h"
+
+#include <QTest>
+
+// The menu's titles are checked on the tray menu itself (tst_appdelegate), and the closing of windows
+// through the delegate's taskbar entry.
+class TestShellRules : public QObject {
+    Q_OBJECT
+
+private slots:
+    void onlyAnOnboardedSignedInUserStartsWithTheOverlay() {
+        using ShellRules::StartWindow;
+        QCOMPARE(ShellRules::startWindow(true, true), StartWindow::overlay);
+        QCOMPARE(ShellRules::startWindow(true, false), StartWindow::onboarding);
+        QCOMPARE(ShellRules::startWindow(false, true), StartWindow::onboarding);
+    }
+
+    void waylandSessionsRunThroughXWaylandUnlessTheUserChoseAPlatform() {
+        QCOMPARE(ShellRules::forcedPlatform("wayland", ":0", {}).value_or(QByteArray()), QByteArray("xcb"));
+        QVERIFY(!ShellRules::forcedPlatform("wayland", ":0", "wayland"));
+        QVERIFY(!ShellRules::forcedPlatform("wayland", {}, {}));
+        QVERIFY(!ShellRules::forcedPlatform("x11", ":0", {}));
+    }
+};
+
+QTEST_APPLESS_MAIN(TestShellRules)
+#include "tst_shellrules.moc"
