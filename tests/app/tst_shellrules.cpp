@@ -1,3 +1,5 @@
+#include "hotkeys.h"
+#include "permissions.h"
 #include "shellrules.h"
 
 #include <QTest>
@@ -20,6 +22,26 @@ private slots:
         QVERIFY(!ShellRules::forcedPlatform("wayland", ":0", "wayland"));
         QVERIFY(!ShellRules::forcedPlatform("wayland", {}, {}));
         QVERIFY(!ShellRules::forcedPlatform("x11", ":0", {}));
+    }
+
+    void shortcutsGoThroughThePortalOnWaylandAndAreGrabbedOnlyOnAnX11Display() {
+        using Service = HotKeys::Service;
+        QCOMPARE(HotKeys::serviceFor("wayland", "xcb"), Service::portal);
+        QCOMPARE(HotKeys::serviceFor("x11", "xcb"), Service::x11);
+        QCOMPARE(HotKeys::serviceFor({}, "xcb"), Service::x11);
+        QCOMPARE(HotKeys::serviceFor("x11", "offscreen"), Service::none);
+    }
+
+    void soundSettingsOpenTheFirstInstalledOfTheMixerAndTheDesktopsPages() {
+        const auto opened = [](const QStringList& installed) {
+            return Permissions::soundSettingsCommand(
+                       [&](const QString& program) { return installed.contains(program); })
+                .join(' ');
+        };
+        QCOMPARE(opened({"systemsettings", "gnome-control-center", "pavucontrol"}), "pavucontrol");
+        QCOMPARE(opened({"systemsettings", "gnome-control-center"}), "gnome-control-center sound");
+        QCOMPARE(opened({"systemsettings"}), "systemsettings kcm_pulseaudio");
+        QCOMPARE(opened({}), "");
     }
 };
 
