@@ -106,65 +106,63 @@ class OverlayViewTest : public QObject {
     Q_OBJECT
 
 private slots:
-    void showsTheSessionStateAndForwardsPresses_data();
-    void showsTheSessionStateAndForwardsPresses();
+    void showsTheSessionStateAndForwardsPresses_data() {
+        QTest::addColumn<QString>("steps");
+        QTest::addColumn<QString>("shown");
+        const QString start = u" | stripPlaceholder: Press Ctrl+Alt+S to start listening."_s;
+        const QString idle = u"Start | Call: off | Mic: off | hand.raised"_s + start;
+        const QString listening = u"Listening | Call: working | Mic: working | hand.raised"_s;
+        const QString waiting = u" | stripPlaceholder: Listening for the interviewer\u2026"_s;
+        const QString noAnswer =
+            u" | answerPlaceholder: Answers appear here as soon as the interviewer asks a question."_s;
+        const QString point =
+            u" | question: Why? | answer: - Point 29, long enough to wrap in the panel. | "_s;
+        QTest::newRow("the listening switch starts the session")
+            << u"press listeningSwitch"_s
+            << u"Listening | Call: connecting | Mic: connecting | hand.raised"_s + waiting + noAnswer;
+        QTest::newRow("last two lines, then dimmed rows of both speakers")
+            << u"listen; say I one; say M two; say I three; hear I four; hear M five"_s
+            << listening + u" | YOU: two | THEM: three | THEM~ four | YOU~ five"_s + noAnswer;
+        QTest::newRow("an utterance longer than two lines keeps its newest words")
+            << "listen; hear I "_L1 + u"many words "_s.repeated(40) + u"last"_s
+            << listening + u" | THEM~ words last"_s + noAnswer;
+        QTest::newRow("microphone off hides its dot, click-through on crosses out the hand")
+            << u"set useMic off; set clickThrough on"_s
+            << u"Start | Call: off | hand.raised.slash"_s + start + noAnswer;
+        QTest::newRow("a stream problem turns its dot red and shows the notice")
+            << u"listen; streamfail I Speech service unavailable."_s
+            << u"Listening | Call: problem \u2014 see the message below | Mic: working | hand.raised"_s +
+                   waiting + noAnswer + u" | notice: Speech service unavailable."_s;
+        QTest::newRow("answer requested, nothing received: question and spinner")
+            << u"ask Why?"_s << idle + u" | question: Why? | spinner"_s;
+        QTest::newRow("a failed request keeps the question, nothing under it, and notices")
+            << u"ask Why?; fail The network is down."_s
+            << idle + u" | question: Why? | notice: The network is down."_s;
+        QTest::newRow("clear takes the answer and the notice away")
+            << u"ask Why?; fail The network is down.; press clearButton"_s << idle + noAnswer;
+        QTest::newRow("a growing answer replaces the spinner and stays scrolled to its end")
+            << u"ask Why?; points 30"_s << idle + point + u"at the end"_s;
+        QTest::newRow("scrolling back to read is respected while the panel changes size")
+            << u"ask Why?; points 30; scroll-back-and-widen"_s << idle + point + u"scrolled back"_s;
+        QTest::newRow("more answer scrolls to its end again")
+            << u"ask Why?; points 30; scroll-back-and-widen; piece The end."_s
+            << idle + u" | question: Why? | answer: The end. | at the end"_s;
+        QTest::newRow("answer now before listening says to start; the shell's buttons go to the shell")
+            << u"press answerNowButton; press clickThroughButton; press settingsButton; press hideButton"_s
+            << idle + noAnswer +
+                   u" | notice: Start listening first (Ctrl+Alt+S). | click-through | settings | hide"_s;
+    }
+
+    void showsTheSessionStateAndForwardsPresses() {
+        QFETCH(QString, steps);
+        QFETCH(QString, shown);
+        Rig rig;
+        rig.run(steps);
+        QCOMPARE(rig.shown(), shown);
+        // Every state fits the panel's smallest size.
+        QVERIFY(rig.view.minimumSizeHint().width() <= 320);
+    }
 };
-
-void OverlayViewTest::showsTheSessionStateAndForwardsPresses_data() {
-    QTest::addColumn<QString>("steps");
-    QTest::addColumn<QString>("shown");
-    const QString start = u" | stripPlaceholder: Press Ctrl+Alt+S to start listening."_s;
-    const QString idle = u"Start | Call: off | Mic: off | hand.raised"_s + start;
-    const QString listening = u"Listening | Call: working | Mic: working | hand.raised"_s;
-    const QString waiting = u" | stripPlaceholder: Listening for the interviewer\u2026"_s;
-    const QString noAnswer =
-        u" | answerPlaceholder: Answers appear here as soon as the interviewer asks a question."_s;
-    const QString point = u" | question: Why? | answer: - Point 29, long enough to wrap in the panel. | "_s;
-    QTest::newRow("the listening switch starts the session")
-        << u"press listeningSwitch"_s
-        << u"Listening | Call: connecting | Mic: connecting | hand.raised"_s + waiting + noAnswer;
-    QTest::newRow("last two lines, then dimmed rows of both speakers")
-        << u"listen; say I one; say M two; say I three; hear I four; hear M five"_s
-        << listening + u" | YOU: two | THEM: three | THEM~ four | YOU~ five"_s + noAnswer;
-    QTest::newRow("an utterance longer than two lines keeps its newest words")
-        << "listen; hear I "_L1 + u"many words "_s.repeated(40) + u"last"_s
-        << listening + u" | THEM~ words last"_s + noAnswer;
-    QTest::newRow("microphone off hides its dot, click-through on crosses out the hand")
-        << u"set useMic off; set clickThrough on"_s
-        << u"Start | Call: off | hand.raised.slash"_s + start + noAnswer;
-    QTest::newRow("a stream problem turns its dot red and shows the notice")
-        << u"listen; streamfail I Speech service unavailable."_s
-        << u"Listening | Call: problem \u2014 see the message below | Mic: working | hand.raised"_s +
-               waiting + noAnswer + u" | notice: Speech service unavailable."_s;
-    QTest::newRow("answer requested, nothing received: question and spinner")
-        << u"ask Why?"_s << idle + u" | question: Why? | spinner"_s;
-    QTest::newRow("a failed request keeps the question, nothing under it, and notices")
-        << u"ask Why?; fail The network is down."_s
-        << idle + u" | question: Why? | notice: The network is down."_s;
-    QTest::newRow("clear takes the answer and the notice away")
-        << u"ask Why?; fail The network is down.; press clearButton"_s << idle + noAnswer;
-    QTest::newRow("a growing answer replaces the spinner and stays scrolled to its end")
-        << u"ask Why?; points 30"_s << idle + point + u"at the end"_s;
-    QTest::newRow("scrolling back to read is respected while the panel changes size")
-        << u"ask Why?; points 30; scroll-back-and-widen"_s << idle + point + u"scrolled back"_s;
-    QTest::newRow("more answer scrolls to its end again")
-        << u"ask Why?; points 30; scroll-back-and-widen; piece The end."_s
-        << idle + u" | question: Why? | answer: The end. | at the end"_s;
-    QTest::newRow("answer now before listening says to start; the shell's buttons go to the shell")
-        << u"press answerNowButton; press clickThroughButton; press settingsButton; press hideButton"_s
-        << idle + noAnswer +
-               u" | notice: Start listening first (Ctrl+Alt+S). | click-through | settings | hide"_s;
-}
-
-void OverlayViewTest::showsTheSessionStateAndForwardsPresses() {
-    QFETCH(QString, steps);
-    QFETCH(QString, shown);
-    Rig rig;
-    rig.run(steps);
-    QCOMPARE(rig.shown(), shown);
-    // Every state fits the panel's smallest size.
-    QVERIFY(rig.view.minimumSizeHint().width() <= 320);
-}
 
 QTEST_MAIN(OverlayViewTest)
 #include "tst_overlayview.moc"
