@@ -10,16 +10,18 @@
 #include <httplib.h>
 #include <csignal>
 
+Q_DECLARE_METATYPE(std::vector<std::string>)
+
 class TestServerConfig : public QObject {
     Q_OBJECT
 
 private slots:
     void settingsComeFromFlagsThenVariablesThenDefaults_data() {
-        QTest::addColumn<QStringList>("arguments");
+        QTest::addColumn<std::vector<std::string>>("arguments");
         QTest::addColumn<QStringList>("variables");
         QTest::addColumn<QString>("outcome");
-        const auto row = [](const char* name, const QStringList& arguments, const QStringList& variables,
-                            const char* outcome) {
+        const auto row = [](const char* name, const std::vector<std::string>& arguments,
+                            const QStringList& variables, const char* outcome) {
             QTest::newRow(name) << arguments << variables << QString::fromLatin1(outcome);
         };
         row("defaults", {}, {},
@@ -59,15 +61,11 @@ private slots:
     }
 
     void settingsComeFromFlagsThenVariablesThenDefaults() {
-        QFETCH(QStringList, arguments);
+        QFETCH(std::vector<std::string>, arguments);
         QFETCH(QStringList, variables);
         QFETCH(QString, outcome);
-        std::vector<std::string> args;
-        for (const QString& argument : arguments) {
-            args.push_back(argument.toStdString());
-        }
         variables.append(QStringLiteral("HOME=/h"));
-        const auto parsed = server::parseServerConfig(args, [&](const std::string& name) {
+        const auto parsed = server::parseServerConfig(arguments, [&](const std::string& name) {
             const QStringList set =
                 variables.filter(QRegularExpression("^" + QString::fromStdString(name) + "="));
             return set.isEmpty() ? std::nullopt : std::optional(set.first().section('=', 1).toStdString());
