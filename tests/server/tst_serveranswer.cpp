@@ -1,7 +1,9 @@
 // Streamed answers: the server relays a fake OpenAI-compatible model as its own event stream, several at
-// once, and answers offline from the resume when no model is configured.
+// once, and answers offline from the resume when no model is configured. Under the relay, the line
+// splitter: lines survive however the body is cut into reads.
 
 #include "runningserver.h"
+#include "streamlines.h"
 #include "testhttpserver.h"
 
 #include <QJsonArray>
@@ -37,6 +39,7 @@ const QByteArray question =
 }  // namespace
 
 Q_DECLARE_METATYPE(TestHttpServer::Response)
+Q_DECLARE_METATYPE(std::vector<std::string>)
 
 class TestServerAnswer : public QObject {
     Q_OBJECT
@@ -46,12 +49,12 @@ private:
     std::unique_ptr<RunningServer> server_;
     std::atomic<int> modelDone_ = 0;
 
-    void startServer(const QString& modelUrl,
+    void startServer(const QString& url,
                      std::chrono::milliseconds timeout = std::chrono::milliseconds(1500)) {
         server::ServerConfig config;
-        config.llmUrl = modelUrl.toStdString();
+        config.llmUrl = url.toStdString();
         config.llmKey = "upstream-key";
-        config.llmModel = modelUrl.isEmpty() ? "" : "test-model";
+        config.llmModel = url.isEmpty() ? "" : "test-model";
         config.llmTimeout = timeout;
         server_ = std::make_unique<RunningServer>(config);
     }
@@ -80,6 +83,38 @@ private slots:
         QVERIFY(model_->listen());
         modelDone_ = 0;
         connect(model_.get(), &TestHttpServer::responseCompleted, this, [this] { ++modelDone_; });
+    }
+
+    void linesAreTheSameWhereverTheBodyIsCut_data() {
+        QTest::addColumn<QByteArray>("body");
+        QTest::addColumn<std::vector<std::string>>("lines");
+
+        const auto row = [](const char* name, const QByteArray& body, const std::vector<std::string>& lines) {
+            QTest::newRow(name) << body << lines;
+        };
+        row("line feeds", "data: a\n\ndata: b\n", {"data: a", "", "data: b"});
+        row("carriage return and line feed", "data: a\r\n\r\ndata: b\r\n", {"data: a", "", "data: b"});
+        row("lone carriage returns", "data: a\r\rdata: b\r", {"data: a", "", "data: b"});
+        row("no terminator at the end", "data: a\ndata: [DONE]", {"data: a", "data: [DONE]"});
+        row("multi-byte text", "data: caf\xc3\xa9 \xe2\x80\xa6\n", {"data: caf\xc3\xa9 \xe2\x80\xa6"});
+        row("empty body", {}, {});
+    }
+
+    void linesAreTheSameWhereverTheBodyIsCut() {
+        QFETCH(QByteArray, body);
+        QFETCH(std::vector<std::string>, lines);
+        const std::string_view all(body.constData(), static_cast<std::size_t>(body.size()));
+        for (std::size_t cut = 0; cut <= all.size(); ++cut) {
+            server::StreamLines splitter;
+            auto got = splitter.feed(all.substr(0, cut));
+            for (auto& line : splitter.feed(all.substr(cut))) {
+                got.push_back(std::move(line));
+            }
+            if (auto last = splitter.finish(); !last.empty()) {
+                got.push_back(std::move(last));
+            }
+            QVERIFY2(got == lines, qPrintable(QStringLiteral("cut at byte %1").arg(cut)));
+        }
     }
 
     void theModelGetsTheWholePromptAndItsPiecesStreamInOrder() {
