@@ -16,16 +16,14 @@
 
 #include <cmath>
 
-namespace {
-
-QString results(const QString& transcript, bool isFinal, bool speechFinal) {
+static QString results(const QString& transcript, bool isFinal, bool speechFinal) {
     return QStringLiteral(
                R"({"type":"Results","is_final":%2,"speech_final":%3,"channel":{"alternatives":[{"transcript":"%1"}]}})")
         .arg(transcript, isFinal ? "true" : "false", speechFinal ? "true" : "false");
 }
 
 // Half a second and a bit of a 440 Hz tone, 44.1 kHz stereo, as a WAV file; false if it could not be written.
-bool writeTone(const QString& path) {
+static bool writeTone(const QString& path) {
     const int frames = 22050 + 100;
     SF_INFO info{0, 44100, 2, SF_FORMAT_WAV | SF_FORMAT_PCM_16, 0, 0};
     SNDFILE* file = sf_open(QFile::encodeName(path).constData(), SFM_WRITE, &info);
@@ -35,8 +33,6 @@ bool writeTone(const QString& path) {
     }
     return file && sf_writef_float(file, samples.data(), frames) == frames && sf_close(file) == 0;
 }
-
-}  // namespace
 
 Q_DECLARE_METATYPE(TestHttpServer::Response)
 

@@ -11,11 +11,9 @@ RunningServer::RunningServer(server::ServerConfig config) : config_(std::move(co
     config_.port = 0;
     config_.devMode = config_.smtpUrl.empty();
     config_.dataDir = dataDir_.path().toStdString();
-    if (config_.databaseUrl.empty() && qgetenv("TALLOWIND_TEST_STORE") == "postgresql") {
-        config_.databaseUrl = PostgresCluster::shared().newDatabase();
-        if (config_.databaseUrl.empty()) {
-            qFatal("No PostgreSQL for the tests: %s", qPrintable(PostgresCluster::shared().failure()));
-        }
+    if (config_.databaseUrl.empty() && qgetenv("TALLOWIND_TEST_STORE") == "postgresql" &&
+        (config_.databaseUrl = PostgresCluster::shared().newDatabase()).empty()) {
+        qFatal("No PostgreSQL for the tests: %s", qPrintable(PostgresCluster::shared().failure()));
     }
     start();
 }

@@ -6,7 +6,6 @@
 #include "streamlines.h"
 #include "testhttpserver.h"
 
-#include <QJsonArray>
 #include <QJsonDocument>
 #include <QTest>
 
@@ -137,8 +136,7 @@ private slots:
                  "POST /v1/chat/completions Bearer upstream-key");
         const QJsonObject body = QJsonDocument::fromJson(request.body).object();
         QVERIFY(body["model"] == "test-model" && body["stream"] == true);
-        const QJsonArray messages = body["messages"].toArray();
-        const QString system = messages[0]["content"].toString();
+        const QString system = body["messages"][0]["content"].toString();
         for (const char* expected :
              {"- Led the fix of a production outage in the signalling system",
               "payments platform on Kubernetes", "Keep it under a minute.", "first person", "Never invent",
@@ -146,7 +144,7 @@ private slots:
             QVERIFY2(system.contains(QLatin1String(expected)), expected);
         }
         QCOMPARE(
-            messages[1]["content"].toString(),
+            body["messages"][1]["content"].toString(),
             "The conversation so far:\nInterviewer: Thanks for joining us today.\nCandidate: Happy to be "
             "here.\n\nThe question to answer now:\nTell me about a time you fixed a production outage.");
     }
@@ -155,26 +153,23 @@ private slots:
         QTest::addColumn<TestHttpServer::Response>("response");
         QTest::addColumn<QStringList>("pieces");
         QTest::addColumn<QString>("message");
-        const auto stream = TestHttpServer::Response::stream;
+        using R = TestHttpServer::Response;
         QTest::newRow("refused with a reason")
-            << TestHttpServer::Response::json(401, R"({"error":{"message":"Incorrect API key provided."}})")
-            << QStringList()
+            << R::json(401, R"({"error":{"message":"Incorrect API key provided."}})") << QStringList()
             << "The language model refused the request (status 401): Incorrect API key provided.";
         QTest::newRow("error event mid-answer")
-            << stream({{delta("Partly"), 0},
-                       {"data: {\"error\":{\"message\":\"Overloaded.\"}}\n\n", 50},
-                       {delta("never read"), 50}},
-                      200)
+            << R::stream({{delta("Partly"), 0},
+                          {"data: {\"error\":{\"message\":\"Overloaded.\"}}\n\n", 50},
+                          {delta("never read"), 50}})
             << QStringList{"Partly"} << "The language model stopped with an error: Overloaded.";
         QTest::newRow("silent past the time-out")
             << modelStream({{"Early", 0}, {"Late", 4000}}) << QStringList{"Early"}
             << "The language model didn't respond in time. Try again.";
-        auto dropped = stream({{delta("Cut"), 0}, {"data: {", 100}}, 200);
-        dropped.drop = true;
         QTest::newRow("connection dropped")
-            << dropped << QStringList{"Cut"} << "The connection to the language model failed";
+            << R{200, {}, {{delta("Cut"), 0}, {"data: {", 100}}, true, true} << QStringList{"Cut"}
+            << "The connection to the language model failed";
         QTest::newRow("nobody listening")
-            << TestHttpServer::Response() << QStringList() << "The connection to the language model failed";
+            << R() << QStringList() << "The connection to the language model failed";
     }
 
     void modelFailuresEndTheStreamWithAReadableError() {
@@ -194,8 +189,8 @@ private slots:
         model_->respondWith(modelStream({{"First", 0}, {" second", 3000}, {" third", 3000}}));
         startServer(model_->url().toString());
         QCOMPARE(ask([](const QByteArray&) { return false; }).first, QStringList{"First"});
-        // The server notices the hang-up while the model is silent and drops its own request, long before
-        // the model's 1.5 s time-out or its end.
+        // The server drops its model request on the hang-up, long before the model's 1.5 s time-out or its
+        // end.
         QTRY_COMPARE_WITH_TIMEOUT(model_->abandoned(), 1, 1200);
     }
 

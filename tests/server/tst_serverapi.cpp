@@ -57,9 +57,8 @@ private slots:
         QVERIFY(latest.open(QIODevice::WriteOnly) && latest.write(R"({"version":"1.2.0"})") > 0);
     }
 
-    // One line of a script: "METHOD PATH [BODY] -> STATUS [a piece of the reply's body]", or "wait SECONDS",
-    // "restart", "mail TEXT" (the mail server received TEXT). "$code" stands for the newest sign-in code
-    // and "$wrong" for another one.
+    // A step: "METHOD PATH [BODY] -> STATUS [a piece of the reply]", "wait SECONDS", "restart" or "mail TEXT"
+    // (the mail server got TEXT). "$code" stands for the newest sign-in code and "$wrong" for another one.
     void requestsGetTheirStatusAndReply_data() {
         QTest::addColumn<QStringList>("settings");
         QTest::addColumn<QByteArrayList>("script");
@@ -192,9 +191,9 @@ private slots:
                          qPrintable(step.left(200) + " -> " + QByteArray::number(reply.status) + ' ' +
                                     reply.body.left(300)));
                 if (path == "/auth/start" && reply.status == 200) {
-                    const auto mailed = mailed_.lastIndexOf("sign-in code is ");
-                    code = config.smtpUrl.empty() ? reply.json()["devCode"].toString().toLatin1()
-                                                  : mailed_.mid(mailed + 16, 6);
+                    code = config.smtpUrl.empty()
+                               ? reply.json()["devCode"].toString().toLatin1()
+                               : mailed_.mid(mailed_.lastIndexOf("sign-in code is ") + 16, 6);
                 }
                 if (path == "/auth/verify" && reply.status == 200) {
                     token = reply.json()["token"].toString().toStdString();
@@ -212,12 +211,12 @@ private slots:
         QTcpSocket socket;
         socket.connectToHost(QStringLiteral("127.0.0.1"), static_cast<quint16>(server.port()));
         QByteArray received;
-        for (const QByteArray request : {"POST /usage", "POST /answer", "POST /auth/signout", "GET /me"}) {
-            const QByteArray body = request == "POST /answer" ? answerBody : QByteArray();
-            socket.write(
-                request + " HTTP/1.1\r\nHost: x\r\n" + auth + "\r\n" +
-                (body.isEmpty() ? "" : "Content-Length: " + QByteArray::number(body.size()) + "\r\n") +
-                "\r\n" + body);
+        const QByteArray answer =
+            "POST /answer HTTP/1.1\r\nContent-Length: " + QByteArray::number(answerBody.size());
+        for (const QByteArray& request : QByteArrayList{"POST /usage HTTP/1.1", answer,
+                                                        "POST /auth/signout HTTP/1.1", "GET /me HTTP/1.1"}) {
+            socket.write(request + "\r\nHost: x\r\n" + auth + "\r\n\r\n" +
+                         (request == answer ? answerBody : ""));
             const auto before = received.count("HTTP/1.1 ");
             while ((received.count("HTTP/1.1 ") == before ||
                     !(received.endsWith('}') || received.endsWith("0\r\n\r\n"))) &&

@@ -70,8 +70,3 @@ bool TestWebSocketServer::listen(quint16 port) {
     port_ = server_.serverPort();
     return listening;
 }
-
-int TestWebSocketServer::openConnections() const {
-    return int(std::count_if(connections_.cbegin(), connections_.cend(),
-                             [](const Connection& c) { return c.open; }));
-}

@@ -45,7 +45,10 @@ public:
     void setGreeting(const QStringList& messages) { greeting_ = messages; }
 
     const QList<Connection>& connections() const { return connections_; }
-    int openConnections() const;
+    int openConnections() const {
+        return int(
+            std::count_if(connections_.cbegin(), connections_.cend(), [](const auto& c) { return c.open; }));
+    }
     void sendText(int connection, const QString& text) { sockets_.at(connection)->sendTextMessage(text); }
     // Cuts the TCP connection off without a closing handshake.
     void drop(int connection) {
