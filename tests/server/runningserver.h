@@ -2,7 +2,7 @@
 
 #include "httpserver.h"
 
-#include <QByteArray>
+#include <QJsonDocument>
 #include <QJsonObject>
 #include <QTemporaryDir>
 
@@ -49,7 +49,7 @@ struct HttpCall {
     std::string contentType;
     QByteArray body;
 
-    QJsonObject json() const;
+    QJsonObject json() const { return QJsonDocument::fromJson(body).object(); }
 };
 
 // Called on the request's thread with each piece of the response body; false hangs up.
@@ -62,8 +62,10 @@ std::future<HttpCall> httpAsync(int port, const std::string& method, const std::
                                 BodyPiece onPiece = {});
 // Spins this thread's event loop, for the fakes that live on it, until the reply is in.
 HttpCall awaitReply(std::future<HttpCall> reply);
-HttpCall httpCall(int port, const std::string& method, const std::string& path, const std::string& token = {},
-                  const QByteArray& body = {});
+inline HttpCall httpCall(int port, const std::string& method, const std::string& path,
+                         const std::string& token = {}, const QByteArray& body = {}) {
+    return awaitReply(httpAsync(port, method, path, token, body));
+}
 
 // Signs `email` in through the development code; the token, or empty when that failed.
 std::string devSignIn(int port, const std::string& email);

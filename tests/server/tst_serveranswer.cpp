@@ -1,10 +1,11 @@
 // Streamed answers: the server relays a fake OpenAI-compatible model as its own event stream, several at
-// once, and answers offline from the resume when no model is configured.
+// once, and answers offline from the resume when no model is configured. Under the relay, the line
+// splitter: lines survive however the body is cut into reads.
 
 #include "runningserver.h"
+#include "streamlines.h"
 #include "testhttpserver.h"
 
-#include <QJsonArray>
 #include <QJsonDocument>
 #include <QTest>
 
@@ -37,6 +38,7 @@ const QByteArray question =
 }  // namespace
 
 Q_DECLARE_METATYPE(TestHttpServer::Response)
+Q_DECLARE_METATYPE(std::vector<std::string>)
 
 class TestServerAnswer : public QObject {
     Q_OBJECT
@@ -46,12 +48,12 @@ private:
     std::unique_ptr<RunningServer> server_;
     std::atomic<int> modelDone_ = 0;
 
-    void startServer(const QString& modelUrl,
+    void startServer(const QString& url,
                      std::chrono::milliseconds timeout = std::chrono::milliseconds(1500)) {
         server::ServerConfig config;
-        config.llmUrl = modelUrl.toStdString();
+        config.llmUrl = url.toStdString();
         config.llmKey = "upstream-key";
-        config.llmModel = modelUrl.isEmpty() ? "" : "test-model";
+        config.llmModel = url.isEmpty() ? "" : "test-model";
         config.llmTimeout = timeout;
         server_ = std::make_unique<RunningServer>(config);
     }
@@ -82,6 +84,38 @@ private slots:
         connect(model_.get(), &TestHttpServer::responseCompleted, this, [this] { ++modelDone_; });
     }
 
+    void linesAreTheSameWhereverTheBodyIsCut_data() {
+        QTest::addColumn<QByteArray>("body");
+        QTest::addColumn<std::vector<std::string>>("lines");
+
+        const auto row = [](const char* name, const QByteArray& body, const std::vector<std::string>& lines) {
+            QTest::newRow(name) << body << lines;
+        };
+        row("line feeds", "data: a\n\ndata: b\n", {"data: a", "", "data: b"});
+        row("carriage return and line feed", "data: a\r\n\r\ndata: b\r\n", {"data: a", "", "data: b"});
+        row("lone carriage returns", "data: a\r\rdata: b\r", {"data: a", "", "data: b"});
+        row("no terminator at the end", "data: a\ndata: [DONE]", {"data: a", "data: [DONE]"});
+        row("multi-byte text", "data: caf\xc3\xa9 \xe2\x80\xa6\n", {"data: caf\xc3\xa9 \xe2\x80\xa6"});
+        row("empty body", {}, {});
+    }
+
+    void linesAreTheSameWhereverTheBodyIsCut() {
+        QFETCH(QByteArray, body);
+        QFETCH(std::vector<std::string>, lines);
+        const std::string_view all(body.constData(), static_cast<std::size_t>(body.size()));
+        for (std::size_t cut = 0; cut <= all.size(); ++cut) {
+            server::StreamLines splitter;
+            auto got = splitter.feed(all.substr(0, cut));
+            for (auto& line : splitter.feed(all.substr(cut))) {
+                got.push_back(std::move(line));
+            }
+            if (auto last = splitter.finish(); !last.empty()) {
+                got.push_back(std::move(last));
+            }
+            QVERIFY2(got == lines, qPrintable(QStringLiteral("cut at byte %1").arg(cut)));
+        }
+    }
+
     void theModelGetsTheWholePromptAndItsPiecesStreamInOrder() {
         model_->respondWith(
             modelStream({{"I led", 0}, {" the fix", 200}, {" of\\n- the outage", 200}, {".", 1000}}));
@@ -102,8 +136,7 @@ private slots:
                  "POST /v1/chat/completions Bearer upstream-key");
         const QJsonObject body = QJsonDocument::fromJson(request.body).object();
         QVERIFY(body["model"] == "test-model" && body["stream"] == true);
-        const QJsonArray messages = body["messages"].toArray();
-        const QString system = messages[0]["content"].toString();
+        const QString system = body["messages"][0]["content"].toString();
         for (const char* expected :
              {"- Led the fix of a production outage in the signalling system",
               "payments platform on Kubernetes", "Keep it under a minute.", "first person", "Never invent",
@@ -111,7 +144,7 @@ private slots:
             QVERIFY2(system.contains(QLatin1String(expected)), expected);
         }
         QCOMPARE(
-            messages[1]["content"].toString(),
+            body["messages"][1]["content"].toString(),
             "The conversation so far:\nInterviewer: Thanks for joining us today.\nCandidate: Happy to be "
             "here.\n\nThe question to answer now:\nTell me about a time you fixed a production outage.");
     }
@@ -120,26 +153,23 @@ private slots:
         QTest::addColumn<TestHttpServer::Response>("response");
         QTest::addColumn<QStringList>("pieces");
         QTest::addColumn<QString>("message");
-        const auto stream = TestHttpServer::Response::stream;
+        using R = TestHttpServer::Response;
         QTest::newRow("refused with a reason")
-            << TestHttpServer::Response::json(401, R"({"error":{"message":"Incorrect API key provided."}})")
-            << QStringList()
+            << R::json(401, R"({"error":{"message":"Incorrect API key provided."}})") << QStringList()
             << "The language model refused the request (status 401): Incorrect API key provided.";
         QTest::newRow("error event mid-answer")
-            << stream({{delta("Partly"), 0},
-                       {"data: {\"error\":{\"message\":\"Overloaded.\"}}\n\n", 50},
-                       {delta("never read"), 50}},
-                      200)
+            << R::stream({{delta("Partly"), 0},
+                          {"data: {\"error\":{\"message\":\"Overloaded.\"}}\n\n", 50},
+                          {delta("never read"), 50}})
             << QStringList{"Partly"} << "The language model stopped with an error: Overloaded.";
         QTest::newRow("silent past the time-out")
             << modelStream({{"Early", 0}, {"Late", 4000}}) << QStringList{"Early"}
             << "The language model didn't respond in time. Try again.";
-        auto dropped = stream({{delta("Cut"), 0}, {"data: {", 100}}, 200);
-        dropped.drop = true;
         QTest::newRow("connection dropped")
-            << dropped << QStringList{"Cut"} << "The connection to the language model failed";
+            << R{200, {}, {{delta("Cut"), 0}, {"data: {", 100}}, true, true} << QStringList{"Cut"}
+            << "The connection to the language model failed";
         QTest::newRow("nobody listening")
-            << TestHttpServer::Response() << QStringList() << "The connection to the language model failed";
+            << R() << QStringList() << "The connection to the language model failed";
     }
 
     void modelFailuresEndTheStreamWithAReadableError() {
@@ -159,8 +189,8 @@ private slots:
         model_->respondWith(modelStream({{"First", 0}, {" second", 3000}, {" third", 3000}}));
         startServer(model_->url().toString());
         QCOMPARE(ask([](const QByteArray&) { return false; }).first, QStringList{"First"});
-        // The server notices the hang-up while the model is silent and drops its own request, long before
-        // the model's 1.5 s time-out or its end.
+        // The server drops its model request on the hang-up, long before the model's 1.5 s time-out or its
+        // end.
         QTRY_COMPARE_WITH_TIMEOUT(model_->abandoned(), 1, 1200);
     }
 

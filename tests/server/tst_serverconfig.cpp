@@ -1,25 +1,26 @@
 // The server's settings from flags and environment variables, and the built executable's start and stop.
 
+#include "runningserver.h"
 #include "serverconfig.h"
 
 #include <QProcess>
 #include <QRegularExpression>
-#include <QTemporaryDir>
 #include <QTest>
 
-#include <httplib.h>
 #include <csignal>
+
+Q_DECLARE_METATYPE(std::vector<std::string>)
 
 class TestServerConfig : public QObject {
     Q_OBJECT
 
 private slots:
     void settingsComeFromFlagsThenVariablesThenDefaults_data() {
-        QTest::addColumn<QStringList>("arguments");
+        QTest::addColumn<std::vector<std::string>>("arguments");
         QTest::addColumn<QStringList>("variables");
         QTest::addColumn<QString>("outcome");
-        const auto row = [](const char* name, const QStringList& arguments, const QStringList& variables,
-                            const char* outcome) {
+        const auto row = [](const char* name, const std::vector<std::string>& arguments,
+                            const QStringList& variables, const char* outcome) {
             QTest::newRow(name) << arguments << variables << QString::fromLatin1(outcome);
         };
         row("defaults", {}, {},
@@ -59,15 +60,11 @@ private slots:
     }
 
     void settingsComeFromFlagsThenVariablesThenDefaults() {
-        QFETCH(QStringList, arguments);
+        QFETCH(std::vector<std::string>, arguments);
         QFETCH(QStringList, variables);
         QFETCH(QString, outcome);
-        std::vector<std::string> args;
-        for (const QString& argument : arguments) {
-            args.push_back(argument.toStdString());
-        }
         variables.append(QStringLiteral("HOME=/h"));
-        const auto parsed = server::parseServerConfig(args, [&](const std::string& name) {
+        const auto parsed = server::parseServerConfig(arguments, [&](const std::string& name) {
             const QStringList set =
                 variables.filter(QRegularExpression("^" + QString::fromStdString(name) + "="));
             return set.isEmpty() ? std::nullopt : std::optional(set.first().section('=', 1).toStdString());
@@ -78,35 +75,26 @@ private slots:
             QVERIFY2(exit->status == 2, qPrintable(got));
         } else {
             const auto& config = std::get<server::ServerConfig>(parsed);
-            got = QStringLiteral("%1:%2 %3 dev=%4 %5 min %6 ms %7 threads, logged as %8")
-                      .arg(QString::fromStdString(config.host))
-                      .arg(config.port)
-                      .arg(QString::fromStdString(config.dataDir))
-                      .arg(config.devMode)
-                      .arg(config.minutesLimit)
-                      .arg(config.llmTimeout.count())
-                      .arg(config.threads)
-                      .arg(QString::fromStdString(server::redactedDatabaseUrl(config.databaseUrl)));
+            got = QString::asprintf("%s:%d %s dev=%d %lld min %lld ms %d threads, logged as %s",
+                                    config.host.c_str(), config.port, config.dataDir.c_str(), config.devMode,
+                                    config.minutesLimit, static_cast<long long>(config.llmTimeout.count()),
+                                    config.threads, server::redactedDatabaseUrl(config.databaseUrl).c_str());
         }
         QVERIFY2(got.contains(outcome), qPrintable(got));
     }
 
     void theExecutableServesUntilTerminated() {
-        const QString binary = qEnvironmentVariable("TALLOWIND_SERVER_BINARY");
         QTemporaryDir data;
         QProcess process;
-        process.start(binary, {QStringLiteral("--dev"), QStringLiteral("--listen=127.0.0.1:0"),
-                               QStringLiteral("--data"), data.path()});
+        process.start(qEnvironmentVariable("TALLOWIND_SERVER_BINARY"),
+                      {"--dev", "--listen=127.0.0.1:0", "--data", data.path()});
         QByteArray log;
-        const QRegularExpression listening(QStringLiteral("listening on http://127.0.0.1:(\\d+)"));
-        QTRY_VERIFY_WITH_TIMEOUT(
-            (log += process.readAllStandardError(), listening.match(QString::fromUtf8(log)).hasMatch()),
-            10'000);
-        httplib::Client client("127.0.0.1", listening.match(QString::fromUtf8(log)).captured(1).toInt());
-        const auto started = client.Post("/auth/start", R"({"email":"vic@example.org"})", "application/json");
-        QVERIFY(started && started->status == 200 && started->body.find("devCode") != std::string::npos);
+        const QRegularExpression listening("listening on http://127.0.0.1:(\\d+)");
+        QTRY_VERIFY_WITH_TIMEOUT(listening.match(log += process.readAllStandardError()).hasMatch(), 10'000);
+        const HttpCall started = httpCall(listening.match(log).captured(1).toInt(), "POST", "/auth/start", {},
+                                          R"({"email":"vic@example.org"})");
+        QVERIFY(started.status == 200 && started.body.contains("devCode"));
         QVERIFY(QFile::exists(data.filePath(QStringLiteral("tallowind.sqlite3"))));
-
         ::kill(static_cast<pid_t>(process.processId()), SIGTERM);
         QVERIFY(process.waitForFinished(10'000));
         QCOMPARE(process.exitStatus(), QProcess::NormalExit);

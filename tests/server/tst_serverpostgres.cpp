@@ -32,8 +32,8 @@ private:
     }
 
 private slots:
-    void aCodeIsTakenOnceAndASignOutHoldsOnBothServers() {
-        startServers(5);
+    void aCodeIsTakenOnceAndSignOutsAndRateLimitsHoldOnBothServers() {
+        startServers(3);
         const QByteArray code =
             call(0, "POST", "/auth/start", {}, pat_).json()["devCode"].toString().toUtf8();
         const QByteArray verify = pat_.chopped(1) + ",\"code\":\"" + code + "\"}";
@@ -46,11 +46,8 @@ private slots:
         QCOMPARE(call(1 - winner, "GET", "/me", token).status, 200);
         QCOMPARE(call(winner, "POST", "/auth/signout", token, "{}").status, 200);
         QCOMPARE(call(1 - winner, "GET", "/me", token).status, 401);
-    }
-
-    void aRateLimitCountsRequestsToBothServers() {
-        startServers(3);
-        for (int asked = 0; asked < 5; ++asked) {
+        // The first of three codes the address may ask for went to the first server.
+        for (int asked = 1; asked < 5; ++asked) {
             QCOMPARE(call(asked % 2, "POST", "/auth/start", {}, pat_).status, asked < 3 ? 200 : 429);
         }
     }

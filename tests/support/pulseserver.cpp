@@ -4,16 +4,12 @@
 #include <QFile>
 #include <QThread>
 
-namespace {
-
-bool succeeds(const QString& program, const QStringList& arguments, int timeoutMs) {
+static bool succeeds(const QString& program, const QStringList& arguments, int timeoutMs) {
     QProcess process;
     process.start(program, arguments);
     return process.waitForFinished(timeoutMs) && process.exitStatus() == QProcess::NormalExit &&
            process.exitCode() == 0;
 }
-
-}  // namespace
 
 PulseServer::PulseServer(bool devices) {
     QFile config(dir_.filePath(QStringLiteral("pulse.pa")));
@@ -43,10 +39,8 @@ PulseServer::PulseServer(bool devices) {
                    {"-n", "-F", config.fileName(), "--daemonize=no", "--use-pid-file=no",
                     "--exit-idle-time=-1", "--log-level=error", "--log-target=stderr"});
     const QDeadlineTimer deadline(10'000);
-    while (process_.waitForStarted() && !deadline.hasExpired() && process_.state() == QProcess::Running) {
-        if ((running_ = pactl({QStringLiteral("info")}))) {
-            return;
-        }
+    while (process_.waitForStarted() && !deadline.hasExpired() && process_.state() == QProcess::Running &&
+           !(running_ = pactl({QStringLiteral("info")}))) {
         QThread::msleep(50);
     }
 }
@@ -56,10 +50,8 @@ bool PulseServer::pactl(const QStringList& arguments) const {
 }
 
 void PulseServer::kill() {
-    if (process_.state() != QProcess::NotRunning) {
-        process_.kill();
-        process_.waitForFinished();
-    }
+    process_.kill();
+    process_.waitForFinished();
 }
 
 bool play(const QString& command, const QString& sink) {

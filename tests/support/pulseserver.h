@@ -16,7 +16,6 @@ public:
     bool running() const { return running_; }
     // The value for PULSE_SERVER.
     QString address() const { return QStringLiteral("unix:") + dir_.filePath(QStringLiteral("socket")); }
-    // Runs pactl against this server; true on success.
     bool pactl(const QStringList& arguments) const;
     void kill();
 

@@ -27,9 +27,6 @@ public:
         static Response json(int status, const QByteArray& body) {
             return {status, {{"content-type", "application/json"}}, {{body, 0}}};
         }
-        static Response text(int status, const QByteArray& body) {
-            return {status, {{"content-type", "text/plain"}}, {{body, 0}}};
-        }
         static Response stream(QList<Piece> pieces, int status = 200) {
             return {status, {{"content-type", "text/event-stream"}}, std::move(pieces), true};
         }
@@ -69,7 +66,9 @@ private:
     void send(QTcpSocket* socket, const Response& response);
 
     QTcpServer server_;
-    Handler handler_ = [](const Received&) { return Response::text(404, "not found"); };
+    Handler handler_ = [](const Received&) {
+        return Response{404, {{"content-type", "text/plain"}}, {{"not found", 0}}};
+    };
     QList<Received> received_;
     int abandoned_ = 0;
 };

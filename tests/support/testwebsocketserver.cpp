@@ -1,23 +1,21 @@
 #include "testwebsocketserver.h"
 
-QStringList TestWebSocketServer::Connection::texts() const {
-    QStringList texts;
+QList<QByteArray> TestWebSocketServer::Connection::payloads(bool binary) const {
+    QList<QByteArray> found;
     for (const Frame& frame : frames) {
-        if (!frame.binary) {
-            texts.append(QString::fromUtf8(frame.payload));
+        if (frame.binary == binary) {
+            found.append(frame.payload);
         }
     }
-    return texts;
+    return found;
 }
 
-QList<QByteArray> TestWebSocketServer::Connection::binaries() const {
-    QList<QByteArray> binaries;
-    for (const Frame& frame : frames) {
-        if (frame.binary) {
-            binaries.append(frame.payload);
-        }
+QStringList TestWebSocketServer::Connection::texts() const {
+    QStringList texts;
+    for (const QByteArray& payload : payloads(false)) {
+        texts.append(QString::fromUtf8(payload));
     }
-    return binaries;
+    return texts;
 }
 
 TestWebSocketServer::TestWebSocketServer(QObject* parent)
@@ -71,9 +69,4 @@ bool TestWebSocketServer::listen(quint16 port) {
     const bool listening = server_.listen(QHostAddress::LocalHost, port);
     port_ = server_.serverPort();
     return listening;
-}
-
-int TestWebSocketServer::openConnections() const {
-    return int(std::count_if(connections_.cbegin(), connections_.cend(),
-                             [](const Connection& c) { return c.open; }));
 }

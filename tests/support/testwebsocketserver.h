@@ -27,7 +27,8 @@ public:
 
         QByteArray header(const QByteArray& name) const { return headers.value(name.toLower()); }
         QStringList texts() const;
-        QList<QByteArray> binaries() const;
+        QList<QByteArray> binaries() const { return payloads(true); }
+        QList<QByteArray> payloads(bool binary) const;
     };
 
     explicit TestWebSocketServer(QObject* parent = nullptr);
@@ -44,11 +45,11 @@ public:
     void setGreeting(const QStringList& messages) { greeting_ = messages; }
 
     const QList<Connection>& connections() const { return connections_; }
-    int openConnections() const;
-    void sendText(int connection, const QString& text) { sockets_.at(connection)->sendTextMessage(text); }
-    void sendBinary(int connection, const QByteArray& data) {
-        sockets_.at(connection)->sendBinaryMessage(data);
+    int openConnections() const {
+        return int(
+            std::count_if(connections_.cbegin(), connections_.cend(), [](const auto& c) { return c.open; }));
     }
+    void sendText(int connection, const QString& text) { sockets_.at(connection)->sendTextMessage(text); }
     // Cuts the TCP connection off without a closing handshake.
     void drop(int connection) {
         connections_[connection].open = false;  // no close code from a cut connection
