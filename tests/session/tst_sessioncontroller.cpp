@@ -22,7 +22,6 @@ const QString micOff = "Microphone access is off, so Tallowind only hears the in
 const QString cantHear =
     "Tallowind can't hear your computer's audio. Check that your sound settings have an output device, "
     "then start listening again.";
-const QString reconnecting = "Reconnecting to speech service…";
 
 // A controller over fakes, with its settings in a file of its own, driven by a script and read back as text.
 struct Rig {
@@ -37,11 +36,13 @@ struct Rig {
     std::unique_ptr<SessionController> session;
     std::vector<std::pair<QByteArray, std::unique_ptr<QSignalSpy>>> notifications;
 
-    Rig() {
+    // Over the real backend `client` and real speech streams when given one.
+    explicit Rig(BackendClient* client = nullptr) {
         settings.setUseMic(false);
         settings.setAutoAnswer(false);
         session = std::make_unique<SessionController>(SessionController::Parts{
-            &settings, std::make_unique<FakeBackend>(backend), streams.factory(),
+            &settings, client ? SessionBackend::over(*client) : std::make_unique<FakeBackend>(backend),
+            client ? SessionController::StreamFactory() : streams.factory(),
             std::make_unique<FakeCapture>(system), std::make_unique<FakeCapture>(mic),
             std::make_unique<FakeMicrophoneAccess>(access), std::make_unique<ManualClock>(clock)});
     }
@@ -194,8 +195,8 @@ private slots:
         row("capture ending after stop is no news", "listen; stop; system end gone", "");
         row("microphone capture fails without a notice", "useMic; start; access yes; mic fail",
             "running | mic problem");
-        row("reconnecting notice goes at connected", "listen; I failed " + reconnecting + "; I connected",
-            "running | system ok");
+        row("reconnecting notice goes at connected",
+            "listen; I failed Reconnecting to speech service…; I connected", "running | system ok");
         row("other failures stay after connected", "useMic; listen; M failed Sign in again.; M connected",
             "running | mic ok | notice: Sign in again.");
         row("events handed over before stop are ignored",
@@ -305,33 +306,23 @@ private slots:
                              {{"data: {\"type\":\"text\",\"text\":\"Stay calm.\"}\n\n"}});
         });
         connect(&speech, &TestWebSocketServer::frameReceived, this, [&speech](int connection) {
-            if (speech.connections().at(connection).binaries().size() == 1) {
+            if (speech.connections().at(connection).binaries().size() == 1)
                 speech.sendText(connection,
                                 R"({"type":"Results","is_final":true,"speech_final":true,)"
                                 R"("channel":{"alternatives":[{"transcript":"Tell me about it"}]}})");
-            }
         });
 
-        AppSettings settings(home.configPath() + QStringLiteral("/settings.ini"));
-        settings.setUseMic(false);
-        settings.setAutoAnswer(true);
-        settings.setResume(QStringLiteral("Kernel hacker"));
         BackendClient client;
-        auto system = std::make_shared<FakeCapture::Record>();
-        SessionController session(
-            {&settings, SessionBackend::over(client), nullptr, std::make_unique<FakeCapture>(system),
-             std::make_unique<FakeCapture>(std::make_shared<CaptureRecord>()), nullptr, nullptr});
-
-        session.start();
-        FakeCapture::finishStart(*system, Done{});
-        QTRY_COMPARE(session.systemAudio(), SessionController::Health::ok);
-        FakeCapture::deliver(*system, 80000, 1);  // 2.5 seconds of audio
-        QTRY_COMPARE(session.answer(), "Stay calm.");
+        Rig rig(&client);
+        rig.settings.setResume(QStringLiteral("Kernel hacker"));
+        rig.run("autoAnswer; start; system ok");
+        QTRY_COMPARE(rig.session->systemAudio(), Health::ok);
+        rig.run("system audio 1 80000");  // 2.5 seconds
+        QTRY_COMPARE(rig.session->answer(), "Stay calm.");
         QCOMPARE(sent["/answer"]["question"].toString(), "Tell me about it");
         QCOMPARE(sent["/answer"]["resume"].toString(), "Kernel hacker");
-        QTRY_VERIFY(!session.isAnswering());
-
-        session.stop();
+        QTRY_VERIFY(!rig.session->isAnswering());
+        rig.run("stop");
         QTRY_COMPARE(sent["/usage"]["sttSeconds"].toDouble(), 2.5);
     }
 

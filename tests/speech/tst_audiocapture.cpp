@@ -63,9 +63,9 @@ private slots:
             }
             const QByteArray samples =
                 AudioSignal::tone(format, QList<double>(format.channels, 1000), 0.5, i * 4096, 4096);
-            server->handlers.audio(bufferOf(format, samples));
-            server->handlers.audio(bufferOf(format, {}));
-            const QByteArray pcm = reference.convert(bufferOf(format, samples)).value_or("");
+            server->handlers.audio(AudioSignal::buffer(format, samples));
+            server->handlers.audio(AudioSignal::buffer(format, {}));
+            const QByteArray pcm = reference.convert(AudioSignal::buffer(format, samples)).value_or("");
             expected += i >= 4 ? pcm : QByteArray();
         }
         QVERIFY(!expected.isEmpty());
