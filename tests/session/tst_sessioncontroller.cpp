@@ -71,9 +71,7 @@ struct Rig {
                                                             : BackendError::server("No device found."));
             };
             const auto answers = [&](const std::optional<Failure>& failure = {}, bool ended = true) {
-                for (const auto& answer : backend->answers) {
-                    ended ? answer->end(failure) : answer->piece(arg);
-                }
+                for (const auto& answer : backend->answers) ended ? answer->end(failure) : answer->piece(arg);
             };
             const QMap<QString, std::function<void()>> steps{
                 {"useMic", [&] { settings.setUseMic(true); }},
@@ -107,9 +105,8 @@ struct Rig {
             };
             QVERIFY2(steps.contains(verb) && (verb.size() > 1 || events.contains(word)), qPrintable(step));
             steps[verb]();
-            if (!queued) {
+            if (!queued)
                 QCoreApplication::sendPostedEvents();
-            }
         }
     }
 
@@ -126,13 +123,11 @@ struct Rig {
         };
         QStringList out{s.isRunning() ? "running" : "", health("system ", s.systemAudio(), true),
                         health("mic ", s.mic(), settings.useMic())};
-        for (const TranscriptLine& line : s.lines()) {
+        for (const TranscriptLine& line : s.lines())
             out << (line.speaker == Speaker::me ? "M: " : "I: ") + line.text;
-        }
         QStringList asked;
-        for (const auto& answer : backend->answers) {
+        for (const auto& answer : backend->answers)
             asked << answer->request.question + (answer->abandoned ? " (dropped)" : "");
-        }
         // What a stopped session must have let go of.
         const bool held = system->state == CaptureRecord::State::running ||
                           mic->state == CaptureRecord::State::running ||
@@ -142,9 +137,8 @@ struct Rig {
             << labelled("Q: ", s.question()) << labelled("A: ", s.answer())
             << (s.isAnswering() ? "answering" : "") << labelled("notice: ", s.notice())
             << labelled("asked: ", asked.join(" / ")) << labelled("usage: ", backend->usage.join(' '));
-        for (const auto& [name, spy] : notifications) {
+        for (const auto& [name, spy] : notifications)
             out << (spy->isEmpty() ? QString() : name + " x" + QString::number(spy->count()));
-        }
         out.removeAll(QString());
         return out.join(" | ");
     }
