@@ -12,9 +12,9 @@ struct FakeStream : Fake<SpeechStream, FakeStreams::Record> {
     ~FakeStream() override { record->alive = false; }
     QString label() const override { return record->label; }
     void setOnEvent(EventHandler handler) override { record->onEvent = std::move(handler); }
-    void start() override { ++record->starts; }
-    void send(const QByteArray&) override { ++record->sent; }
-    void stop() override { ++record->stops; }
+    void start() override {}
+    void send(const QByteArray&) override {}
+    void stop() override {}
 };
 
 struct FakeAnswer : Fake<SessionBackend::Answer, AnswerRecord> {
@@ -34,9 +34,8 @@ SessionController::StreamFactory FakeStreams::factory() {
 void FakeStreams::report(const QString& label, const SpeechStream::Event& event) {
     const auto newest =
         std::find_if(made.rbegin(), made.rend(), [&](const auto& r) { return r->label == label; });
-    if (newest != made.rend() && (*newest)->alive && (*newest)->onEvent) {
+    if (newest != made.rend() && (*newest)->alive && (*newest)->onEvent)
         (*newest)->onEvent(event);
-    }
 }
 
 void FakeCapture::start(Completion<Done> done) {
@@ -64,9 +63,7 @@ void FakeCapture::finishStart(Record& record, const Result<Done>& result) {
 void FakeCapture::deliver(Record& record, int bytes, int count) {
     if (record.state != Record::State::idle && record.onAudio) {
         std::thread([&record, pcm = QByteArray(bytes, '\0'), count] {
-            for (int i = 0; i < count; ++i) {
-                record.onAudio(pcm);
-            }
+            for (int i = 0; i < count; ++i) record.onAudio(pcm);
         }).join();
     }
 }
@@ -83,9 +80,7 @@ std::unique_ptr<SessionBackend::Answer> FakeBackend::answer(const AnswerRequest&
 }
 
 void AccessRecord::answerAll(bool granted) {
-    for (const auto& answer : std::exchange(pending, {})) {
-        answer(granted);
-    }
+    for (const auto& answer : std::exchange(pending, {})) answer(granted);
 }
 
 void ClockRecord::advance(std::chrono::milliseconds by) {

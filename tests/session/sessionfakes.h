@@ -18,9 +18,6 @@ struct FakeStreams {
     struct Record {
         QString label;
         SpeechStream::EventHandler onEvent;
-        int starts = 0;
-        int stops = 0;
-        int sent = 0;  // buffers; counted on the capture's thread, which FakeCapture::deliver joins
         bool alive = true;
     };
 

@@ -30,9 +30,8 @@ private slots:
         QFETCH(bool, granted);
         std::optional<PulseServer> pulse;
         QLocalServer wedged;  // accepts connections, holds them and says nothing
-        if (server == "devices" || server == "empty") {
+        if (server == "devices" || server == "empty")
             QVERIFY(pulse.emplace(server == "devices").running());
-        }
         QVERIFY(server != "wedged" || wedged.listen(nowhere_));
         environment_.set("PULSE_SERVER", (pulse ? pulse->address() : "unix:" + nowhere_).toUtf8());
 

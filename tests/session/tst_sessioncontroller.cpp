@@ -1,7 +1,13 @@
 #include "appsettings.h"
+#include "backendclient.h"
 #include "sessionfakes.h"
 #include "sessiontext.h"
+#include "testenvironment.h"
+#include "testhttpserver.h"
+#include "testwebsocketserver.h"
 
+#include <QJsonDocument>
+#include <QJsonObject>
 #include <QMetaEnum>
 #include <QSignalSpy>
 #include <QTemporaryDir>
@@ -16,7 +22,6 @@ const QString micOff = "Microphone access is off, so Tallowind only hears the in
 const QString cantHear =
     "Tallowind can't hear your computer's audio. Check that your sound settings have an output device, "
     "then start listening again.";
-const QString reconnecting = "Reconnecting to speech service…";
 
 // A controller over fakes, with its settings in a file of its own, driven by a script and read back as text.
 struct Rig {
@@ -31,11 +36,13 @@ struct Rig {
     std::unique_ptr<SessionController> session;
     std::vector<std::pair<QByteArray, std::unique_ptr<QSignalSpy>>> notifications;
 
-    Rig() {
+    // Over the real backend `client` and real speech streams when given one.
+    explicit Rig(BackendClient* client = nullptr) {
         settings.setUseMic(false);
         settings.setAutoAnswer(false);
         session = std::make_unique<SessionController>(SessionController::Parts{
-            &settings, std::make_unique<FakeBackend>(backend), streams.factory(),
+            &settings, client ? SessionBackend::over(*client) : std::make_unique<FakeBackend>(backend),
+            client ? SessionController::StreamFactory() : streams.factory(),
             std::make_unique<FakeCapture>(system), std::make_unique<FakeCapture>(mic),
             std::make_unique<FakeMicrophoneAccess>(access), std::make_unique<ManualClock>(clock)});
     }
@@ -64,9 +71,7 @@ struct Rig {
                                                             : BackendError::server("No device found."));
             };
             const auto answers = [&](const std::optional<Failure>& failure = {}, bool ended = true) {
-                for (const auto& answer : backend->answers) {
-                    ended ? answer->end(failure) : answer->piece(arg);
-                }
+                for (const auto& answer : backend->answers) ended ? answer->end(failure) : answer->piece(arg);
             };
             const QMap<QString, std::function<void()>> steps{
                 {"useMic", [&] { settings.setUseMic(true); }},
@@ -100,9 +105,8 @@ struct Rig {
             };
             QVERIFY2(steps.contains(verb) && (verb.size() > 1 || events.contains(word)), qPrintable(step));
             steps[verb]();
-            if (!queued) {
+            if (!queued)
                 QCoreApplication::sendPostedEvents();
-            }
         }
     }
 
@@ -119,13 +123,11 @@ struct Rig {
         };
         QStringList out{s.isRunning() ? "running" : "", health("system ", s.systemAudio(), true),
                         health("mic ", s.mic(), settings.useMic())};
-        for (const TranscriptLine& line : s.lines()) {
+        for (const TranscriptLine& line : s.lines())
             out << (line.speaker == Speaker::me ? "M: " : "I: ") + line.text;
-        }
         QStringList asked;
-        for (const auto& answer : backend->answers) {
+        for (const auto& answer : backend->answers)
             asked << answer->request.question + (answer->abandoned ? " (dropped)" : "");
-        }
         // What a stopped session must have let go of.
         const bool held = system->state == CaptureRecord::State::running ||
                           mic->state == CaptureRecord::State::running ||
@@ -135,9 +137,8 @@ struct Rig {
             << labelled("Q: ", s.question()) << labelled("A: ", s.answer())
             << (s.isAnswering() ? "answering" : "") << labelled("notice: ", s.notice())
             << labelled("asked: ", asked.join(" / ")) << labelled("usage: ", backend->usage.join(' '));
-        for (const auto& [name, spy] : notifications) {
+        for (const auto& [name, spy] : notifications)
             out << (spy->isEmpty() ? QString() : name + " x" + QString::number(spy->count()));
-        }
         out.removeAll(QString());
         return out.join(" | ");
     }
@@ -188,8 +189,8 @@ private slots:
         row("capture ending after stop is no news", "listen; stop; system end gone", "");
         row("microphone capture fails without a notice", "useMic; start; access yes; mic fail",
             "running | mic problem");
-        row("reconnecting notice goes at connected", "listen; I failed " + reconnecting + "; I connected",
-            "running | system ok");
+        row("reconnecting notice goes at connected",
+            "listen; I failed Reconnecting to speech service…; I connected", "running | system ok");
         row("other failures stay after connected", "useMic; listen; M failed Sign in again.; M connected",
             "running | mic ok | notice: Sign in again.");
         row("events handed over before stop are ignored",
@@ -279,6 +280,45 @@ private slots:
                 " | isRunning x1 | systemAudio x1 | mic x2 | notice x2");
     }
     void everyAssignmentNotifiesOnce() { check(); }
+
+    // With the real backend client and speech stream, against a loopback backend and a loopback speech
+    // service that recognises a question as soon as audio arrives; only the captures feed silence.
+    void questionIsHeardAnsweredAndMeteredOverLoopback() {
+        TestHome home;
+        TestHttpServer backend;
+        TestWebSocketServer speech;
+        QVERIFY(backend.listen() && speech.listen());
+        home.environment().set("TALLOWIND_SERVER", backend.url().toString().toUtf8());
+        home.environment().set("TALLOWIND_STT_URL", speech.url().toString().toUtf8());
+        home.environment().set("TALLOWIND_TOKEN", "session-token");
+        QMap<QByteArray, QJsonObject> sent;  // the last request to each target
+        backend.setHandler([&sent](const TestHttpServer::Received& request) {
+            sent[request.target] = QJsonDocument::fromJson(request.body).object();
+            return request.target != "/answer"
+                       ? TestHttpServer::Response::json(200, R"({"token":"speech-token-1"})")
+                       : TestHttpServer::Response::stream(
+                             {{"data: {\"type\":\"text\",\"text\":\"Stay calm.\"}\n\n"}});
+        });
+        connect(&speech, &TestWebSocketServer::frameReceived, this, [&speech](int connection) {
+            if (speech.connections().at(connection).binaries().size() == 1)
+                speech.sendText(connection,
+                                R"({"type":"Results","is_final":true,"speech_final":true,)"
+                                R"("channel":{"alternatives":[{"transcript":"Tell me about it"}]}})");
+        });
+
+        BackendClient client;
+        Rig rig(&client);
+        rig.settings.setResume(QStringLiteral("Kernel hacker"));
+        rig.run("autoAnswer; start; system ok");
+        QTRY_COMPARE(rig.session->systemAudio(), Health::ok);
+        rig.run("system audio 1 80000");  // 2.5 seconds
+        QTRY_COMPARE(rig.session->answer(), "Stay calm.");
+        QCOMPARE(sent["/answer"]["question"].toString(), "Tell me about it");
+        QCOMPARE(sent["/answer"]["resume"].toString(), "Kernel hacker");
+        QTRY_VERIFY(!rig.session->isAnswering());
+        rig.run("stop");
+        QTRY_COMPARE(sent["/usage"]["sttSeconds"].toDouble(), 2.5);
+    }
 
     void questionsAreToldFromRemarks_data() {
         QTest::addColumn<QString>("text");

@@ -8,30 +8,37 @@
 
 #include <cmath>
 #include <numbers>
+#include <numeric>
 
 Q_DECLARE_METATYPE(AudioFormat)
 
 namespace AudioSignal {
 
+inline qsizetype sampleBytes(const AudioFormat& format) {
+    return format.sampleType == AudioFormat::SampleType::int16 ? 2 : 4;
+}
+
 // `frames` frames of `format` from frame `start` of an endless signal in which channel c is a sine of hz[c]
 // with peak `amplitude` (1 = full scale).
 inline QByteArray tone(const AudioFormat& format, const QList<double>& hz, double amplitude, qint64 start,
                        qsizetype frames) {
-    using Type = AudioFormat::SampleType;
-    const qsizetype size = format.sampleType == Type::int16 ? 2 : 4;
-    QByteArray out(frames * hz.size() * size, Qt::Uninitialized);
+    QByteArray out(frames * hz.size() * sampleBytes(format), Qt::Uninitialized);
     for (qsizetype i = 0; i < frames * hz.size(); ++i) {
         const double t = double(start + i / hz.size()) / format.sampleRate;
         const double value = amplitude * std::sin(2 * std::numbers::pi * hz[i % hz.size()] * t);
-        char* at = out.data() + i * size;
-        if (format.sampleType == Type::float32)
+        char* at = out.data() + i * sampleBytes(format);
+        if (format.sampleType == AudioFormat::SampleType::float32)
             qToUnaligned(float(value), at);
-        else if (format.sampleType == Type::int16)
+        else if (format.sampleType == AudioFormat::SampleType::int16)
             qToUnaligned(std::int16_t(std::lround(value * 32767)), at);
         else
             qToUnaligned(std::int32_t(std::lround(value * 2147483647.0)), at);
     }
     return out;
+}
+
+inline AudioBuffer buffer(const AudioFormat& format, const QByteArray& samples) {
+    return {format, samples.size() / (format.channels * sampleBytes(format)), samples.constData()};
 }
 
 // 16-bit little-endian PCM as samples scaled to -1 .. 1.
@@ -54,31 +61,22 @@ inline Fit fit(std::vector<double> samples, double rate, const QList<double>& hz
     Fit out;
     const auto n = double(samples.size());
     for (double f : hz) {
-        double sine = 0;
-        double cosine = 0;
+        const auto phase = [&](std::size_t i) { return 2 * std::numbers::pi * f * double(i) / rate; };
+        double sine = 0, cosine = 0;
         for (std::size_t i = 0; i < samples.size(); ++i) {
-            sine += samples[i] * std::sin(2 * std::numbers::pi * f * double(i) / rate) * 2 / n;
-            cosine += samples[i] * std::cos(2 * std::numbers::pi * f * double(i) / rate) * 2 / n;
+            sine += samples[i] * std::sin(phase(i)) * 2 / n;
+            cosine += samples[i] * std::cos(phase(i)) * 2 / n;
         }
-        for (std::size_t i = 0; i < samples.size(); ++i) {
-            const double phase = 2 * std::numbers::pi * f * double(i) / rate;
-            samples[i] -= sine * std::sin(phase) + cosine * std::cos(phase);
-        }
+        for (std::size_t i = 0; i < samples.size(); ++i)
+            samples[i] -= sine * std::sin(phase(i)) + cosine * std::cos(phase(i));
         out.amplitudes.append(std::hypot(sine, cosine));
     }
-    double sum = 0;
-    for (double s : samples) sum += s * s;
-    out.residual = samples.empty() ? 0 : std::sqrt(sum / n);
+    const double power = std::inner_product(samples.begin(), samples.end(), samples.begin(), 0.0);
+    out.residual = samples.empty() ? 0 : std::sqrt(power / n);
     return out;
 }
 
 }  // namespace AudioSignal
-
-inline AudioBuffer bufferOf(const AudioFormat& format, const QByteArray& samples) {
-    const qsizetype frameBytes =
-        format.channels * (format.sampleType == AudioFormat::SampleType::int16 ? 2 : 4);
-    return {format, samples.size() / frameBytes, samples.constData()};
-}
 
 enum class Which { microphone, systemAudio };
 

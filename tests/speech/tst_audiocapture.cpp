@@ -63,9 +63,9 @@ private slots:
             }
             const QByteArray samples =
                 AudioSignal::tone(format, QList<double>(format.channels, 1000), 0.5, i * 4096, 4096);
-            server->handlers.audio(bufferOf(format, samples));
-            server->handlers.audio(bufferOf(format, {}));
-            const QByteArray pcm = reference.convert(bufferOf(format, samples)).value_or("");
+            server->handlers.audio(AudioSignal::buffer(format, samples));
+            server->handlers.audio(AudioSignal::buffer(format, {}));
+            const QByteArray pcm = reference.convert(AudioSignal::buffer(format, samples)).value_or("");
             expected += i >= 4 ? pcm : QByteArray();
         }
         QVERIFY(!expected.isEmpty());
@@ -78,20 +78,18 @@ private slots:
         QTest::addColumn<QString>("steps");
         QTest::addColumn<QString>("outcome");  // of start(), then what onStop reported
 
-        QTest::newRow("microphone, no server") << Which::microphone << "noServer"
-                                               << "backend error: No microphone found.";
-        QTest::newRow("system audio, no default output")
-            << Which::systemAudio << "noDevice"
-            << "backend error: No display found to capture audio from.";
-        QTest::newRow("the server refuses") << Which::microphone << "refused"
-                                            << "Server says no";
-        QTest::newRow("the server ends the capture") << Which::systemAudio << "started refused"
-                                                     << "started; Server says no";
-        QTest::newRow("the owner stops before the end is reported")
-            << Which::microphone << "started refused stop"
-            << "started";
-        QTest::newRow("the owner stops while starting") << Which::microphone << "stop started"
-                                                        << "The capture was stopped before it started.";
+        const auto row = [](const char* name, Which which, const char* steps, const char* outcome) {
+            QTest::newRow(name) << which << QString(steps) << QString(outcome);
+        };
+        const Which mic = Which::microphone, system = Which::systemAudio;
+        row("microphone, no server", mic, "noServer", "backend error: No microphone found.");
+        row("system audio, no default output", system, "noDevice",
+            "backend error: No display found to capture audio from.");
+        row("the server refuses", mic, "refused", "Server says no");
+        row("the server ends the capture", system, "started refused", "started; Server says no");
+        row("the owner stops before the end is reported", mic, "started refused stop", "started");
+        row("the owner stops while starting", mic, "stop started",
+            "The capture was stopped before it started.");
     }
 
     void reportsOfTheServerReachTheOwnerUnlessTheRunWasStopped() {

@@ -25,8 +25,8 @@ constexpr auto unit = 10ms;  // one second of reconnection delay
 struct Rig {
     TestWebSocketServer server;
     ScopedEnvironment environment;
-    // The token provider's answers, the last one repeating; with holdTokens the test answers them itself.
-    QList<Result<QString>> answers{QStringLiteral("token-1")};
+    // The token provider's answer to every request; with holdTokens the test answers them itself.
+    Result<QString> answer{QStringLiteral("token-1")};
     bool holdTokens = false;
     QList<Completion<QString>> held;
     QElapsedTimer clock;
@@ -44,9 +44,8 @@ struct Rig {
             askedAt.append(clock.elapsed());
             if (holdTokens)
                 return held.append(std::move(done));
-            const Result<QString> answer = answers[std::min(askedAt.size(), answers.size()) - 1];
             QMetaObject::invokeMethod(
-                qApp, [done, answer] { done(answer); }, Qt::QueuedConnection);
+                qApp, [done, answer = answer] { done(answer); }, Qt::QueuedConnection);
         };
         stream =
             std::make_unique<DeepgramStream>(QStringLiteral("Interviewer"), tokens,
@@ -136,7 +135,7 @@ private slots:
             rig.environment.set("TALLOWIND_STT_URL",
                                 "ws://127.0.0.1:" + QByteArray::number(silent.serverPort()));
         if (breakage == "token")
-            rig.answers = {failure};
+            rig.answer = failure;
         rig.stream->start();
         if (!retried) {
             QTest::qWait(20 * unit.count());
@@ -150,7 +149,7 @@ private slots:
         for (qsizetype i = 0; i < delays.size(); ++i)
             QVERIFY(rig.askedAt[i + 1] - rig.askedAt[i] >= qint64(delays[i]) * unit.count());
 
-        rig.answers = {QStringLiteral("fresh")};
+        rig.answer = QStringLiteral("fresh");
         if (breakage == "refused")
             QVERIFY(rig.server.listen(port));
         rig.environment.set("TALLOWIND_STT_URL", rig.server.url().toEncoded());

@@ -21,7 +21,7 @@ std::vector<double> run(PCMConverter& converter, const AudioFormat& format, cons
         // Empty buffers in between yield nothing and disturb nothing.
         if (converter.convert({format, 0, samples.constData()}) || converter.convert({format, 4, nullptr}))
             return {};
-        const std::optional<QByteArray> pcm = converter.convert(bufferOf(format, samples));
+        const std::optional<QByteArray> pcm = converter.convert(AudioSignal::buffer(format, samples));
         if (pcm && (pcm->isEmpty() || pcm->size() % 2 != 0 || pcm->size() > capacity * 2))
             return {};
         out += pcm.value_or(QByteArray());

@@ -7,6 +7,7 @@
 #include <QTest>
 #include <QThread>
 
+#include <atomic>
 #include <mutex>
 
 class PulseCaptureTest : public QObject {
@@ -59,28 +60,20 @@ private slots:
         clock.start();
         QByteArray pcm;
         QList<std::pair<qint64, qsizetype>> arrivals;
-        bool closed = false;
-        int late = 0;
-        const auto onAudio = [&](const QByteArray& buffer) {
-            std::lock_guard lock(mutex);
-            late += closed ? 1 : 0;
-            arrivals.append({clock.elapsed(), (pcm += buffer).size()});
-        };
-        const auto calls = [&] {
-            std::lock_guard lock(mutex);
-            return arrivals.size();
-        };
-        const auto close = [&] {
-            std::lock_guard lock(mutex);
-            closed = true;
-        };
+        std::atomic<bool> closed = false;
+        std::atomic<int> calls = 0, late = 0;
         QStringList stops;
         auto capture = makeCapture(which);
-        capture->setOnAudio(onAudio);
+        capture->setOnAudio([&](const QByteArray& buffer) {
+            late += closed ? 1 : 0;
+            std::lock_guard lock(mutex);
+            arrivals.append({clock.elapsed(), (pcm += buffer).size()});
+            ++calls;
+        });
         capture->setOnStop([&](const Failure& failure) {
             stops.append(QThread::currentThread() == qApp->thread() ? failure.description()
                                                                     : "off the main thread");
-            close();
+            closed = true;
         });
         std::optional<Result<Done>> started;
         capture->start([&started](Result<Done> result) { started = std::move(result); });
@@ -91,8 +84,8 @@ private slots:
                                                        : "No display found to capture audio from.");
         if (missing)
             return;
-        QTRY_VERIFY(calls() >= 2);
-        const qsizetype before = calls();
+        QTRY_VERIFY(calls >= 2);
+        const qsizetype before = calls;
         if (play)
             QVERIFY(::play(QStringLiteral("espeak-ng --stdout \"Tell me about a project you are proud of.\""),
                            action.last()));
@@ -103,12 +96,12 @@ private slots:
         if (ends)
             QTRY_COMPARE_WITH_TIMEOUT(stops.size(), 1, 10'000);
         else
-            QTRY_VERIFY_WITH_TIMEOUT(calls() >= before + 10, 10'000);
+            QTRY_VERIFY_WITH_TIMEOUT(calls >= before + 10, 10'000);
         capture->stop();
-        close();
+        closed = true;
         QTest::qWait(200);
         std::lock_guard lock(mutex);
-        QCOMPARE(late, 0);
+        QCOMPARE(late.load(), 0);
         QCOMPARE(stops.size(), ends ? 1 : 0);
         QVERIFY(!stops.contains("off the main thread") && !stops.contains(QString()));
         if (!play)
