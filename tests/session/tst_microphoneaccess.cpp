@@ -1,4 +1,5 @@
 #include "microphoneaccess.h"
+#include "permissions.h"
 #include "pulseserver.h"
 #include "testenvironment.h"
 
@@ -8,7 +9,8 @@
 #include <QThread>
 #include <QThreadPool>
 
-// Microphone access on Linux: granted exactly when the sound server names a default input.
+// Microphone access on Linux is granted exactly when the sound server names a default input; onboarding's
+// grants ask the same question for the input and the output.
 class MicrophoneAccessTest : public QObject {
     Q_OBJECT
 
@@ -17,15 +19,15 @@ class MicrophoneAccessTest : public QObject {
     ScopedEnvironment environment_;
 
 private slots:
-    void grantedWithDefaultSource_data() {
+    void grantedWithDefaultDevices_data() {
         QTest::addColumn<QString>("server");  // "devices", "empty", "none" or "wedged"
         QTest::addColumn<bool>("granted");
-        QTest::newRow("server with a default input") << "devices" << true;
+        QTest::newRow("server with a default input and output") << "devices" << true;
         QTest::newRow("server without any device") << "empty" << false;
         QTest::newRow("no server at all") << "none" << false;
         QTest::newRow("a server that never answers") << "wedged" << false;
     }
-    void grantedWithDefaultSource() {
+    void grantedWithDefaultDevices() {
         QFETCH(QString, server);
         QFETCH(bool, granted);
         std::optional<PulseServer> pulse;
@@ -36,16 +38,23 @@ private slots:
         environment_.set("PULSE_SERVER", (pulse ? pulse->address() : "unix:" + nowhere_).toUtf8());
 
         std::optional<bool> answer;
-        QThread* answeredOn = nullptr;
+        std::optional<Permissions::Grants> grants;
+        QList<QThread*> answeredOn;
         const auto access = MicrophoneAccess::pulse();
+        const auto source = Permissions::soundServer();
         access->request([&](bool value) {
             answer = value;
-            answeredOn = QThread::currentThread();
+            answeredOn << QThread::currentThread();
         });
-        QVERIFY(!answer);  // never before request() returns
-        QTRY_VERIFY_WITH_TIMEOUT(answer, 8000);
+        source->check([&](Permissions::Grants value) {
+            grants = value;
+            answeredOn << QThread::currentThread();
+        });
+        QVERIFY(!answer && !grants);  // never before the question returns
+        QTRY_VERIFY_WITH_TIMEOUT(answer && grants, 8000);
         QCOMPARE(*answer, granted);
-        QCOMPARE(answeredOn, thread());
+        QCOMPARE(*grants, (Permissions::Grants{granted, granted}));
+        QCOMPARE(answeredOn, (QList<QThread*>{thread(), thread()}));
     }
 
     void answerIsDroppedOnceAccessIsGone() {

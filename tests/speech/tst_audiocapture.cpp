@@ -6,6 +6,33 @@
 namespace {
 
 using Kind = AudioServer::Failure::Kind;
+using Type = AudioFormat::SampleType;
+
+// `seconds` of the tones `hz` (one per channel) at half scale, converted in buffers of 4096 frames, once the
+// filter has settled; empty when a buffer exceeds its capacity or the run falls short by more than 0.1 s of
+// look-ahead.
+std::vector<double> run(PCMConverter& converter, const AudioFormat& format, const QList<double>& hz,
+                        double seconds) {
+    const qsizetype frames = 4096;
+    const auto capacity = qsizetype(PCMConverter::sampleRate / format.sampleRate * frames) + 64;
+    QByteArray out;
+    qint64 start = 0;
+    for (; start < qint64(seconds * format.sampleRate); start += frames) {
+        const QByteArray samples = AudioSignal::tone(format, hz, 0.5, start, frames);
+        // Empty buffers in between yield nothing and disturb nothing.
+        if (converter.convert({format, 0, samples.constData()}) || converter.convert({format, 4, nullptr}))
+            return {};
+        const std::optional<QByteArray> pcm = converter.convert(AudioSignal::buffer(format, samples));
+        if (pcm && (pcm->isEmpty() || pcm->size() % 2 != 0 || pcm->size() > capacity * 2))
+            return {};
+        out += pcm.value_or(QByteArray());
+    }
+    const auto expected = qsizetype(double(start) * PCMConverter::sampleRate / format.sampleRate);
+    if (out.size() / 2 > expected || out.size() / 2 < expected - 1600)
+        return {};
+    const std::vector<double> all = AudioSignal::samples(out);
+    return {all.begin() + 2000, all.end()};
+}
 
 // Keeps the request and handlers of the latest recording; the test plays the server by calling them.
 class FakeAudioServer final : public AudioServer {
@@ -36,8 +63,8 @@ private slots:
     void capturesConvertedAudioAndKeepsTheConverterAcrossRuns_data() {
         QTest::addColumn<Which>("which");
         QTest::addColumn<AudioFormat>("format");  // what the server delivers
-        addCaptureRows("44.1 kHz stereo 16-bit", AudioFormat{44100, 2, AudioFormat::SampleType::int16});
-        addCaptureRows("48 kHz stereo float", AudioFormat{48000, 2, AudioFormat::SampleType::float32});
+        addCaptureRows("44.1 kHz stereo 16-bit", AudioFormat{44100, 2, Type::int16});
+        addCaptureRows("48 kHz stereo float", AudioFormat{48000, 2, Type::float32});
     }
 
     void capturesConvertedAudioAndKeepsTheConverterAcrossRuns() {
@@ -47,7 +74,7 @@ private slots:
         auto server = std::make_shared<FakeAudioServer>();
         auto capture = makeCapture(which, server);
         capture->start([](const Result<Done>&) {});
-        const AudioFormat mixed{48000, 2, AudioFormat::SampleType::float32};
+        const AudioFormat mixed{48000, 2, Type::float32};
         QCOMPARE(server->request.format, which == Which::microphone ? std::nullopt : std::optional(mixed));
         QCOMPARE(server->request.framesPerBuffer, 4096);
         // The first run's audio goes nowhere; the second continues its signal exactly, with the same
@@ -124,6 +151,49 @@ private slots:
         const QString prefix = failure && failure->is(BackendError::Kind::server) ? "backend error: " : "";
         QCOMPARE(QStringList(failure ? prefix + failure->description() : "started") + stops,
                  outcome.split("; "));
+    }
+
+    void tonesComeOutAt16kHzWithoutDistortion_data() {
+        QTest::addColumn<AudioFormat>("input");
+        QTest::addColumn<QList<double>>("hz");  // per input channel
+
+        const AudioFormat studio{48000, 2, Type::float32};
+        QTest::newRow("1 kHz, 48 kHz stereo float") << studio << QList<double>{1000, 1000};
+        QTest::newRow("left and right in different tones") << studio << QList<double>{1000, 2500};
+        QTest::newRow("10 kHz is filtered out, not folded down to 6 kHz")
+            << studio << QList<double>{10000, 10000};
+        QTest::newRow("8 kHz mono 16-bit") << AudioFormat{8000, 1, Type::int16} << QList<double>{1000};
+        QTest::newRow("16 kHz mono 16-bit") << AudioFormat{16000, 1, Type::int16} << QList<double>{440};
+        QTest::newRow("44.1 kHz three channels 32-bit")
+            << AudioFormat{44100, 3, Type::int32} << QList<double>{1000, 2500, 1000};
+    }
+
+    void tonesComeOutAt16kHzWithoutDistortion() {
+        QFETCH(AudioFormat, input);
+        QFETCH(QList<double>, hz);
+
+        // A converter that has seen another format, and formats it cannot use, starts afresh with this one.
+        PCMConverter converter;
+        QVERIFY(!run(converter, {22050, 1, Type::int16}, {700}, 1).empty());
+        const char nothing[16] = {};
+        for (const AudioFormat& unusable :
+             {AudioFormat{0, 2, Type::float32}, AudioFormat{0, 2, Type::float32},
+              AudioFormat{48000, 0, Type::float32}, AudioFormat{-8000, 1, Type::int16}})
+            QVERIFY(!converter.convert({unusable, 1, nothing}));
+        const std::vector<double> out = run(converter, input, hz, 20);
+        QVERIFY(!out.empty());
+        // Channels are averaged; above 8 kHz is gone, and whatever else (gaps, repeats, clicks, the wrong
+        // pitch, a folded tone, the earlier format) stays 60 dB down.
+        QMap<double, double> levels;
+        for (double tone : hz)
+            levels[tone] += tone < PCMConverter::sampleRate / 2 ? 0.5 / double(hz.size()) : 0;
+        levels.removeIf([](auto tone) { return tone.value() == 0; });
+        const AudioSignal::Fit fit = AudioSignal::fit(out, PCMConverter::sampleRate, levels.keys());
+        QCOMPARE(fit.amplitudes.size(), levels.size());
+        for (qsizetype i = 0; i < levels.size(); ++i)
+            QVERIFY2(std::abs(fit.amplitudes[i] - levels.values()[i]) < 0.01,
+                     qPrintable(QStringLiteral("%1 Hz at %2").arg(levels.keys()[i]).arg(fit.amplitudes[i])));
+        QVERIFY2(fit.residual < 0.0005, qPrintable(QStringLiteral("residual %1").arg(fit.residual)));
     }
 };
 

@@ -4,15 +4,11 @@
 
 FakeSession::FakeSession() {
     settings_.setAutoAnswer(false);
-    SessionController::Parts parts;
-    parts.settings = &settings_;
-    parts.backend = std::make_unique<FakeBackend>(backend_);
-    parts.makeStream = streams_.factory();
-    parts.systemCapture = std::make_unique<FakeCapture>(system_);
-    parts.micCapture = std::make_unique<FakeCapture>(mic_);
-    parts.microphoneAccess = std::make_unique<FakeMicrophoneAccess>(access_);
-    parts.clock = std::make_unique<ManualClock>(std::make_shared<ManualClock::Record>());
-    session_ = std::make_unique<SessionController>(std::move(parts));
+    session_ = std::make_unique<SessionController>(
+        SessionController::Parts{&settings_, std::make_unique<FakeBackend>(backend_), streams_.factory(),
+                                 std::make_unique<FakeCapture>(system_), std::make_unique<FakeCapture>(mic_),
+                                 std::make_unique<FakeMicrophoneAccess>(access_),
+                                 std::make_unique<ManualClock>(std::make_shared<ManualClock::Record>())});
 }
 
 void FakeSession::listen() {
