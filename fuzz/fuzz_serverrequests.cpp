@@ -95,6 +95,9 @@ Exchange exchange(int port, const QByteArray& request, bool halfClose) {
     while (sent < request.size()) {
         const ssize_t n =
             ::send(socket, request.constData() + sent, size_t(request.size() - sent), MSG_NOSIGNAL);
+        if (n < 0 && errno == EINTR) {
+            continue;
+        }
         if (n <= 0) {
             break;
         }
@@ -107,6 +110,11 @@ Exchange exchange(int port, const QByteArray& request, bool halfClose) {
     char buffer[16 * 1024];
     while (!isComplete(result.response)) {
         const ssize_t n = ::recv(socket, buffer, sizeof buffer, 0);
+        // The fuzzer's own timer signal cuts a wait short, and with a receive time-out set the call is
+        // not restarted by itself.
+        if (n < 0 && errno == EINTR) {
+            continue;
+        }
         if (n == 0 || (n < 0 && errno == ECONNRESET)) {
             break;
         }
