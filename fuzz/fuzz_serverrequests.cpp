@@ -14,6 +14,7 @@
 #include <cerrno>
 #include <climits>
 #include <cstdio>
+#include <cstring>
 #include <regex>
 #include <thread>
 
@@ -70,6 +71,14 @@ bool isComplete(const QByteArray& response) {
     return response.size() - body >= length;
 }
 
+// Says why a socket call failed, so that a broken invariant tells the harness's own faults from the
+// server's.
+void reportErrno(bool succeeded) {
+    if (!succeeded) {
+        std::fprintf(stderr, "socket call failed: %s\n", std::strerror(errno));
+    }
+}
+
 struct Exchange {
     QByteArray response;
     bool sentWhole = false;
@@ -85,8 +94,9 @@ Exchange exchange(int port, const QByteArray& request, bool halfClose) {
     address.sin_family = AF_INET;
     address.sin_port = htons(static_cast<uint16_t>(port));
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    require(::connect(socket, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0,
-            "the server still accepts connections");
+    const bool connected = ::connect(socket, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+    reportErrno(connected);
+    require(connected, "the server still accepts connections");
     const timeval timeout{10, 0};
     setsockopt(socket, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
 
@@ -118,6 +128,7 @@ Exchange exchange(int port, const QByteArray& request, bool halfClose) {
         if (n == 0 || (n < 0 && errno == ECONNRESET)) {
             break;
         }
+        reportErrno(n > 0);
         require(n > 0, "the server answers within ten seconds");
         result.response.append(buffer, n);
     }
