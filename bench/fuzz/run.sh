@@ -44,6 +44,10 @@ log="$build/fuzz-runs.tsv"
 status=0
 export QT_QPA_PLATFORM=offscreen
 export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
+# The zip target extracts every input into a fresh folder; on a tmpfs it runs twice as fast as on disk.
+if [ -d /dev/shm ] && [ -w /dev/shm ]; then
+    export TMPDIR=/dev/shm
+fi
 for target in "${targets[@]}"; do
     corpus="$build/corpus/$target"
     crashes="$build/crashes/$target"
