@@ -71,12 +71,13 @@ bool isComplete(const QByteArray& response) {
     return response.size() - body >= length;
 }
 
-// Says why a socket call failed, so that a broken invariant tells the harness's own faults from the
-// server's.
-void reportErrno(bool succeeded) {
+// A socket invariant that also says why the call failed, so that a broken one tells the harness's own
+// faults from the server's.
+void requireSocket(bool succeeded, const char* invariant) {
     if (!succeeded) {
         std::fprintf(stderr, "socket call failed: %s\n", std::strerror(errno));
     }
+    require(succeeded, invariant);
 }
 
 struct Exchange {
@@ -89,19 +90,17 @@ struct Exchange {
 // out; the server then reads to the end but may leave its response unsent.
 Exchange exchange(int port, const QByteArray& request, bool halfClose) {
     const int socket = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    require(socket >= 0, "the fuzzer has a socket");
+    requireSocket(socket >= 0, "the fuzzer has a socket");
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_port = htons(static_cast<uint16_t>(port));
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     // A connect cut short by the fuzzer's timer signal goes on by itself; asking again says how it ended.
-    int outcome = ::connect(socket, reinterpret_cast<sockaddr*>(&address), sizeof address);
-    while (outcome != 0 && (errno == EINTR || errno == EALREADY)) {
+    int outcome = 0;
+    do {
         outcome = ::connect(socket, reinterpret_cast<sockaddr*>(&address), sizeof address);
-    }
-    const bool connected = outcome == 0 || errno == EISCONN;
-    reportErrno(connected);
-    require(connected, "the server still accepts connections");
+    } while (outcome != 0 && (errno == EINTR || errno == EALREADY));
+    requireSocket(outcome == 0 || errno == EISCONN, "the server still accepts connections");
     const timeval timeout{10, 0};
     setsockopt(socket, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
 
@@ -133,8 +132,7 @@ Exchange exchange(int port, const QByteArray& request, bool halfClose) {
         if (n == 0 || (n < 0 && errno == ECONNRESET)) {
             break;
         }
-        reportErrno(n > 0);
-        require(n > 0, "the server answers within ten seconds");
+        requireSocket(n > 0, "the server answers within ten seconds");
         result.response.append(buffer, n);
     }
     ::close(socket);

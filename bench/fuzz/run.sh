@@ -44,7 +44,7 @@ log="$build/fuzz-runs.tsv"
 status=0
 export QT_QPA_PLATFORM=offscreen
 export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
-# The zip target extracts every input into a fresh folder; on a tmpfs it runs twice as fast as on disk.
+# The zip and resume targets write every input to disk; on a tmpfs the zip target runs twice as fast.
 if [ -d /dev/shm ] && [ -w /dev/shm ]; then
     export TMPDIR=/dev/shm
 fi

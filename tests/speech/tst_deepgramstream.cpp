@@ -163,7 +163,7 @@ private slots:
         });
         QTRY_VERIFY(done);
         capture.join();
-        // Keep-alives resume once the audio stops; how many have gone out by the time we look is up to the clock.
+        // Keep-alives resume once the audio stops; how many have gone out when we look is up to the clock.
         QTRY_VERIFY2(QRegularExpression("^k+a{18}k+$").match(frames()).hasMatch(), qPrintable(frames()));
         QCOMPARE(rig.connection(0).binaries(), sent);
     }
