@@ -57,14 +57,20 @@ void buildArchive(FuzzInput& input, const QString& path) {
     }
 }
 
-// Everything below `root`, links not followed.
-std::vector<fs::path> everything(const fs::path& root) {
-    std::vector<fs::path> paths;
-    for (const auto& entry :
-         fs::recursive_directory_iterator(root, fs::directory_options::skip_permission_denied)) {
-        paths.push_back(entry.path());
+// Everything below `root`, links not followed. Each folder first gets its owner's permissions back, so
+// that one extracted with mode 0 is walked into and can be removed afterwards.
+std::vector<fs::directory_entry> everything(const fs::path& root) {
+    std::vector<fs::directory_entry> entries;
+    std::error_code ignored;
+    fs::permissions(root, fs::perms::owner_all, fs::perm_options::add, ignored);
+    for (auto it = fs::recursive_directory_iterator(root, ignored); it != fs::recursive_directory_iterator();
+         it.increment(ignored)) {
+        if (it->is_directory(ignored) && !it->is_symlink(ignored)) {
+            fs::permissions(it->path(), fs::perms::owner_all, fs::perm_options::add, ignored);
+        }
+        entries.push_back(*it);
     }
-    return paths;
+    return entries;
 }
 
 bool isInside(const fs::path& path, const fs::path& folder) {
@@ -73,16 +79,15 @@ bool isInside(const fs::path& path, const fs::path& folder) {
     return p == f || p.starts_with(f + "/");
 }
 
-// A folder extracted with mode 0 would keep even its own removal out.
-void makeRemovable(const fs::path& root) {
-    std::error_code ignored;
-    fs::permissions(root, fs::perms::owner_all, fs::perm_options::add, ignored);
-    for (auto it = fs::recursive_directory_iterator(root, ignored); it != fs::recursive_directory_iterator();
-         it.increment(ignored)) {
-        if (it->is_directory(ignored) && !it->is_symlink(ignored)) {
-            fs::permissions(it->path(), fs::perms::owner_all, fs::perm_options::add, ignored);
-        }
-    }
+// One folder for the whole run, emptied after every input: a fresh temporary folder per input cost more
+// than the extraction itself.
+const fs::path& sandbox() {
+    static const QTemporaryDir folder;
+    static const fs::path root = [] {
+        require(folder.isValid(), "the fuzzer has a temporary folder");
+        return fs::canonical(QFile::encodeName(folder.path()).toStdString());
+    }();
+    return root;
 }
 
 }  // namespace
@@ -90,20 +95,20 @@ void makeRemovable(const fs::path& root) {
 // The first byte says whether the rest is an archive as it stands or a list of entries to build one
 // from. Either way the archive is extracted into a folder of its own beside a folder it must not touch.
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    QTemporaryDir sandbox;
-    require(sandbox.isValid(), "the fuzzer has a temporary folder");
-    const fs::path root = fs::canonical(QFile::encodeName(sandbox.path()).toStdString());
+    const fs::path& root = sandbox();
     const fs::path destination = root / "destination";
     const fs::path outside = root / "outside";
+    const fs::path keepPath = outside / "keep";
     fs::create_directory(destination);
     fs::create_directory(outside);
-    QFile keep(QString::fromStdString((outside / "keep").string()));
+    QFile keep(QString::fromStdString(keepPath.string()));
     require(keep.open(QIODevice::WriteOnly) && keep.write(untouched) == untouched.size(),
             "the fuzzer writes");
     keep.close();
 
     FuzzInput input(data, size);
-    const QString archive = QString::fromStdString((root / "update.zip").string());
+    const fs::path archivePath = root / "update.zip";
+    const QString archive = QString::fromStdString(archivePath.string());
     if (input.byte() & 1) {
         buildArchive(input, archive);
     } else {
@@ -114,19 +119,33 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 
     const bool extracted = ZipArchive::extract(archive, QString::fromStdString(destination.string()));
 
-    for (const fs::path& path : everything(root)) {
-        require(isInside(path, destination) || isInside(path, outside) || path == root / "update.zip",
-                "nothing is written beside the destination");
-    }
-    require(everything(outside) == std::vector<fs::path>{outside / "keep"}, "nothing is written outside");
-    require(keep.open(QIODevice::ReadOnly) && keep.readAll() == untouched, "nothing outside is overwritten");
-    if (extracted) {
-        for (const fs::path& path : everything(destination)) {
+    std::vector<fs::path> leftOutside;
+    for (const fs::directory_entry& entry : everything(root)) {
+        const fs::path& path = entry.path();
+        if (isInside(path, outside)) {
+            if (path != outside) {
+                leftOutside.push_back(path);
+            }
+        } else if (isInside(path, destination)) {
+            // The walk follows no link, so only a link itself can lead anywhere else.
             std::error_code missing;
-            const fs::path resolved = fs::canonical(path, missing);
-            require(missing || isInside(resolved, destination), "no extracted link leads out of its folder");
+            if (extracted && entry.is_symlink(missing)) {
+                const fs::path resolved = fs::canonical(path, missing);
+                require(missing || isInside(resolved, destination),
+                        "no extracted link leads out of its folder");
+            }
+        } else {
+            require(path == archivePath, "nothing is written beside the destination");
         }
     }
-    makeRemovable(root);
+    require(leftOutside == std::vector<fs::path>{keepPath}, "nothing is written outside");
+    require(keep.open(QIODevice::ReadOnly) && keep.readAll() == untouched, "nothing outside is overwritten");
+    keep.close();
+
+    for (const fs::path& path : {destination, outside, archivePath}) {
+        std::error_code failed;
+        fs::remove_all(path, failed);
+        require(!failed, "the fuzzer empties its folder for the next input");
+    }
     return 0;
 }
