@@ -9,6 +9,8 @@
 # (build-fuzz/corpus/TARGET), so that the runs add up. A crash, a broken invariant, a hang or a leak
 # leaves its reproducer in build-fuzz/crashes/TARGET/; replay it with `build-fuzz/fuzz/TARGET FILE`.
 # Every run is appended to build-fuzz/fuzz-runs.tsv; the table printed at the end counts them all.
+# Several copies may run at once, even of one target (one per core): they take turns building, share
+# the corpus and keep a log each in build-fuzz/logs/.
 set -euo pipefail
 cd "$(dirname "$0")/../.."
 
@@ -36,9 +38,13 @@ if [ ${#targets[@]} -eq 0 ]; then
     done
 fi
 
-nice -n 19 cmake -S . -B "$build" -G Ninja -DCMAKE_CXX_COMPILER=clang++ "${launcher[@]}" -DTALLOWIND_FUZZ=ON \
-    -DTALLOWIND_BUILD_TESTS=OFF -DTALLOWIND_BUILD_BENCHMARKS=OFF >/dev/null
-nice -n 19 cmake --build "$build" -j2 --target "${targets[@]}"
+mkdir -p "$build/logs"
+(
+    flock 9
+    nice -n 19 cmake -S . -B "$build" -G Ninja -DCMAKE_CXX_COMPILER=clang++ "${launcher[@]}" -DTALLOWIND_FUZZ=ON \
+        -DTALLOWIND_BUILD_TESTS=OFF -DTALLOWIND_BUILD_BENCHMARKS=OFF >/dev/null
+    nice -n 19 cmake --build "$build" -j2 --target "${targets[@]}"
+) 9>"$build/logs/build.lock"
 
 log="$build/fuzz-runs.tsv"
 status=0
@@ -57,7 +63,7 @@ for target in "${targets[@]}"; do
     corpus="$build/corpus/$target"
     crashes="$build/crashes/$target"
     mkdir -p "$corpus" "$crashes"
-    output="$build/$target.log"
+    output="$build/logs/$target-$(date -u +%Y%m%dT%H%M%SZ)-$$.log"
     outcome=ok
     dictionary=()
     if [ -f "fuzz/$target.dict" ]; then
