@@ -7,6 +7,7 @@
 #include <sys/stat.h>
 #include <zip.h>
 
+#include <algorithm>
 #include <filesystem>
 
 namespace fs = std::filesystem;
@@ -42,10 +43,12 @@ void buildArchive(FuzzInput& input, const QString& path) {
             index = zip_file_add(archive, name.constData(), source, ZIP_FL_ENC_UTF_8);
             if (index < 0) {
                 zip_source_free(source);
-            } else if ((kind & 0xe0) != 0xe0) {
-                zip_set_file_compression(archive, zip_uint64_t(index), ZIP_CM_STORE, 0);
             }
             type = kind % 3 == 2 ? S_IFLNK : S_IFREG;
+        }
+        // A folder too: libzip would otherwise start a compressor for its empty contents.
+        if (index >= 0 && (kind & 0xe0) != 0xe0) {
+            zip_set_file_compression(archive, zip_uint64_t(index), ZIP_CM_STORE, 0);
         }
         if (index >= 0 && (kind & 4)) {
             zip_file_set_external_attributes(archive, zip_uint64_t(index), 0, ZIP_OPSYS_UNIX,
@@ -57,16 +60,17 @@ void buildArchive(FuzzInput& input, const QString& path) {
     }
 }
 
-// Everything below `root`, links not followed. Each folder first gets its owner's permissions back, so
-// that one extracted with mode 0 is walked into and can be removed afterwards.
+// Everything below `root`, links not followed. Each folder is first made its owner's alone (0700), so
+// that one extracted with mode 0 is walked into and can be removed afterwards; setting the mode outright
+// spares reading it first.
 std::vector<fs::directory_entry> everything(const fs::path& root) {
     std::vector<fs::directory_entry> entries;
     std::error_code ignored;
-    fs::permissions(root, fs::perms::owner_all, fs::perm_options::add, ignored);
+    fs::permissions(root, fs::perms::owner_all, fs::perm_options::replace, ignored);
     for (auto it = fs::recursive_directory_iterator(root, ignored); it != fs::recursive_directory_iterator();
          it.increment(ignored)) {
         if (it->is_directory(ignored) && !it->is_symlink(ignored)) {
-            fs::permissions(it->path(), fs::perms::owner_all, fs::perm_options::add, ignored);
+            fs::permissions(it->path(), fs::perms::owner_all, fs::perm_options::replace, ignored);
         }
         entries.push_back(*it);
     }
@@ -119,8 +123,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 
     const bool extracted = ZipArchive::extract(archive, QString::fromStdString(destination.string()));
 
+    const std::vector<fs::directory_entry> entries = everything(root);
     std::vector<fs::path> leftOutside;
-    for (const fs::directory_entry& entry : everything(root)) {
+    for (const fs::directory_entry& entry : entries) {
         const fs::path& path = entry.path();
         if (isInside(path, outside)) {
             if (path != outside) {
@@ -142,10 +147,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     require(keep.open(QIODevice::ReadOnly) && keep.readAll() == untouched, "nothing outside is overwritten");
     keep.close();
 
-    for (const fs::path& path : {destination, outside, archivePath}) {
+    // The walk lists each folder before what it holds, so removing backwards empties every folder
+    // before it goes, without walking the tree a second time.
+    std::for_each(entries.rbegin(), entries.rend(), [](const fs::directory_entry& entry) {
         std::error_code failed;
-        fs::remove_all(path, failed);
+        fs::remove(entry.path(), failed);
         require(!failed, "the fuzzer empties its folder for the next input");
-    }
+    });
     return 0;
 }

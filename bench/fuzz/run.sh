@@ -71,9 +71,14 @@ for target in "${targets[@]}"; do
     fi
     # -timeout: one input taking longer than that is a hang; -rss_limit_mb keeps a runaway input from
     # starving the machine.
-    if ! nice -n 19 "$build/fuzz/$target" -max_total_time="$seconds" -timeout=20 -rss_limit_mb=2048 \
+    # A fuzzer stopped with SIGINT or SIGTERM still prints its totals and exits with 72; its runs count.
+    code=0
+    nice -n 19 "$build/fuzz/$target" -max_total_time="$seconds" -timeout=20 -rss_limit_mb=2048 \
         -print_final_stats=1 -artifact_prefix="$crashes/" "${dictionary[@]}" "$corpus" "fuzz/corpus/$target" \
-        >"$output" 2>&1; then
+        >"$output" 2>&1 || code=$?
+    if [ $code -eq 72 ]; then
+        outcome="stopped early"
+    elif [ $code -ne 0 ]; then
         reproducer=$(grep -o "Test unit written to .*" "$output" | tail -1 | sed 's/Test unit written to //')
         outcome="FAILED: ${reproducer:-see $output}"
         status=1
@@ -86,6 +91,6 @@ done
 
 echo
 echo "All runs so far (from $log):"
-awk -F'\t' '{ runs[$2] += $3; if ($5 != "ok") failed[$2]++ }
+awk -F'\t' '{ runs[$2] += $3; if ($5 ~ /^FAILED/) failed[$2]++ }
     END { for (t in runs) printf "%-26s %12d runs  %d failed\n", t, runs[t], failed[t] }' "$log" | sort
 exit $status
