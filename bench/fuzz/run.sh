@@ -79,7 +79,7 @@ for target in "${targets[@]}"; do
     if [ $code -eq 72 ]; then
         outcome="stopped early"
     elif [ $code -ne 0 ]; then
-        reproducer=$(grep -o "Test unit written to .*" "$output" | tail -1 | sed 's/Test unit written to //')
+        reproducer=$(sed -n 's/.*Test unit written to //p' "$output" | tail -1)
         outcome="FAILED: ${reproducer:-see $output}"
         status=1
     fi
